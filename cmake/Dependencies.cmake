@@ -1,0 +1,10 @@
+# Every dependency is a Debian package; see README for the list.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(SQLite3 REQUIRED)
+pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+find_package(simdjson CONFIG REQUIRED)
+find_package(RapidJSON CONFIG REQUIRED)
+
+# Linked privately: no public header includes any of them.
+set(PACTIVO_PRIVATE_DEPENDENCIES SQLite::SQLite3 PkgConfig::UUID simdjson::simdjson)

@@ -1,0 +1,126 @@
+// The platform layer: every facility of the host system that the library
+// uses, behind one interface that a host may implement.
+//
+// A host that is happy with the defaults does nothing: the library uses a
+// LinuxPlatform for the running program. A host that wants to place the data
+// elsewhere, report a device name of its own, or run callbacks on its UI
+// thread installs its platform before setup:
+//
+//   auto platform = std::make_shared<pactivo::LinuxPlatform>(
+//       pactivo::LinuxPlatform::Settings{.applicationName = "com.example.tv"});
+//   pactivo::installPlatform(platform);
+//   pactivo::ConsentSDK::shared().setup(options);
+//
+// Threading: the library calls a platform from any of its threads at once, so
+// an implementation must be safe for concurrent calls.
+#ifndef PACTIVO_PLATFORM_H_
+#define PACTIVO_PLATFORM_H_
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pactivo/export.h"
+
+namespace pactivo {
+
+class PACTIVO_EXPORT Platform {
+ public:
+  virtual ~Platform();
+
+  // The per-application data directory (the "application-support
+  // directory"); the preference suite and the cached configuration live
+  // directly in it. An empty path means there is none.
+  virtual std::filesystem::path applicationSupportDirectory() const = 0;
+
+  // The user's preferred languages, most preferred first, as BCP 47 tags
+  // ("de-DE"). Never empty.
+  virtual std::vector<std::string> preferredLanguages() const = 0;
+
+  // The name of this device, as a user would recognise it.
+  virtual std::string deviceName() const = 0;
+
+  // The advertising identifier as upper-case UUID text, or "" where the
+  // system has none.
+  virtual std::string advertisingIdentifier() const = 0;
+
+  // Tracking authorization: 0 not determined, 1 restricted, 2 denied,
+  // 3 authorized.
+  virtual int trackingAuthorizationStatus() const = 0;
+
+  // A string value of the host's information dictionary (declared usage
+  // descriptions and the like), or nullopt when the key is absent.
+  virtual std::optional<std::string> infoDictionaryString(const std::string& key) const = 0;
+
+  // The library version reported in logs and uploads; nullopt when unknown.
+  virtual std::optional<std::string> libraryVersion() const = 0;
+
+  // Runs `work` on the host's main thread and returns once it has run. The
+  // library waits for it, so the host's main thread must keep running while
+  // the library is alive.
+  virtual void runOnMainThread(const std::function<void()>& work) = 0;
+
+  // The host's translation of a message key; the key itself when there is
+  // none. `comment` is the translator's note.
+  virtual std::string localizedString(const std::string& key, const std::string& comment) const = 0;
+
+  // Wall-clock time: consent timestamps and cache freshness derive from it.
+  virtual std::chrono::system_clock::time_point now() const = 0;
+};
+
+// The default platform of a plain Linux program.
+//
+// Data lives in `dataDirectory` when given, else in
+// $XDG_DATA_HOME/<applicationName> or ~/.local/share/<applicationName>, where
+// the application name defaults to the program's name. Languages come from
+// LANGUAGE, LC_ALL, LC_MESSAGES and LANG ("de_DE.UTF-8" reads as "de-DE",
+// "C" and "POSIX" as "en"). The device name is the pretty host name when the
+// system has one, else the host name. There is no advertising identifier,
+// tracking is never authorized, the information dictionary is
+// `infoDictionary`, main-thread work runs inline on the calling thread, and
+// messages are not translated.
+//
+// Derive from it to change one facility and keep the others.
+class PACTIVO_EXPORT LinuxPlatform : public Platform {
+ public:
+  struct Settings {
+    std::string applicationName;          // default: the program's name
+    std::filesystem::path dataDirectory;  // default: see above
+    std::vector<std::pair<std::string, std::string>> infoDictionary;
+  };
+
+  LinuxPlatform();
+  explicit LinuxPlatform(Settings settings);
+
+  std::filesystem::path applicationSupportDirectory() const override;
+  std::vector<std::string> preferredLanguages() const override;
+  std::string deviceName() const override;
+  std::string advertisingIdentifier() const override;
+  int trackingAuthorizationStatus() const override;
+  std::optional<std::string> infoDictionaryString(const std::string& key) const override;
+  std::optional<std::string> libraryVersion() const override;
+  void runOnMainThread(const std::function<void()>& work) override;
+  std::string localizedString(const std::string& key, const std::string& comment) const override;
+  std::chrono::system_clock::time_point now() const override;
+
+ private:
+  const Settings settings_;
+  const std::filesystem::path dataDirectory_;
+};
+
+// Makes `platform` the one the library uses from now on. Call it before
+// `ConsentSDK::shared().setup()`; installing a platform whose data directory
+// differs closes the preference suite of the previous one. A null pointer
+// restores the default LinuxPlatform. Thread-safe.
+PACTIVO_EXPORT void installPlatform(std::shared_ptr<Platform> platform);
+
+// The platform in use. Thread-safe; the result stays valid while held.
+PACTIVO_EXPORT std::shared_ptr<Platform> currentPlatform();
+
+}  // namespace pactivo
+
+#endif  // PACTIVO_PLATFORM_H_

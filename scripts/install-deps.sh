@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs the Debian packages Pactivo builds, tests and runs with. Packages
+# already present are not fetched again, so a second run is quick.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake pkg-config clang clang-format
+  libsqlite3-dev uuid-dev libcurl4-openssl-dev libsimdjson-dev rapidjson-dev
+  libicu-dev libcpp-httplib-dev nginx-light iproute2
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+)
+
+missing=()
+for package in "${PACKAGES[@]}"; do
+  dpkg -s "$package" >/dev/null 2>&1 || missing+=("$package")
+done
+
+if ((${#missing[@]})); then
+  SUDO=""
+  if [[ $(id -u) -ne 0 ]]; then SUDO="sudo"; fi
+  echo "Installing: ${missing[*]}"
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

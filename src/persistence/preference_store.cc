@@ -1,0 +1,381 @@
+#include "persistence/preference_store.h"
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+#include <system_error>
+#include <utility>
+
+#include "pactivo/logger.h"
+#include "pactivo/platform.h"
+
+namespace pactivo::detail {
+namespace {
+
+// Column `type` of the preferences table.
+enum class ValueType : int { string = 0, boolean = 1, integer = 2, date = 3, array = 4 };
+
+constexpr const char* kSchema =
+    "CREATE TABLE IF NOT EXISTS preferences ("
+    "  key TEXT PRIMARY KEY NOT NULL,"
+    "  type INTEGER NOT NULL,"
+    "  value) WITHOUT ROWID";
+
+constexpr const char* kUpsert =
+    "INSERT INTO preferences(key, type, value) VALUES(?1, ?2, ?3) "
+    "ON CONFLICT(key) DO UPDATE SET type = excluded.type, value = excluded.value";
+
+// Lets a second process wait for a writer instead of failing with
+// "database is locked".
+constexpr int kBusyTimeoutMs = 5000;
+
+bool isUnusableFile(int code) {
+  int primary = code & 0xff;
+  return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+std::string sqliteError(sqlite3* db, int code) {
+  std::string text = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(code);
+  return text + " (code " + std::to_string(code) + ")";
+}
+
+void bindValue(sqlite3_stmt* stmt, const PreferenceValue& value) {
+  std::visit(
+      [stmt](const auto& v) {
+        using T = std::decay_t<decltype(v)>;
+        if constexpr (std::is_same_v<T, std::string>) {
+          sqlite3_bind_int(stmt, 2, static_cast<int>(ValueType::string));
+          sqlite3_bind_text(stmt, 3, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+        } else if constexpr (std::is_same_v<T, bool>) {
+          sqlite3_bind_int(stmt, 2, static_cast<int>(ValueType::boolean));
+          sqlite3_bind_int(stmt, 3, v ? 1 : 0);
+        } else if constexpr (std::is_same_v<T, std::int64_t>) {
+          sqlite3_bind_int(stmt, 2, static_cast<int>(ValueType::integer));
+          sqlite3_bind_int64(stmt, 3, v);
+        } else if constexpr (std::is_same_v<T, std::chrono::system_clock::time_point>) {
+          sqlite3_bind_int(stmt, 2, static_cast<int>(ValueType::date));
+          sqlite3_bind_double(stmt, 3, std::chrono::duration<double>(v.time_since_epoch()).count());
+        } else {
+          std::string text = encodeArray(v);
+          sqlite3_bind_int(stmt, 2, static_cast<int>(ValueType::array));
+          sqlite3_bind_text(stmt, 3, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+        }
+      },
+      value);
+}
+
+// A row whose type column is unknown (a newer library wrote it) is skipped.
+std::optional<PreferenceValue> columnValue(sqlite3_stmt* stmt) {
+  auto text = [stmt] {
+    const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 2));
+    return std::string(bytes != nullptr ? bytes : "", sqlite3_column_bytes(stmt, 2));
+  };
+  switch (static_cast<ValueType>(sqlite3_column_int(stmt, 1))) {
+    case ValueType::string:
+      return text();
+    case ValueType::boolean:
+      return sqlite3_column_int64(stmt, 2) != 0;
+    case ValueType::integer:
+      return static_cast<std::int64_t>(sqlite3_column_int64(stmt, 2));
+    case ValueType::date:
+      return std::chrono::system_clock::time_point(
+          std::chrono::duration_cast<std::chrono::system_clock::duration>(
+              std::chrono::duration<double>(sqlite3_column_double(stmt, 2))));
+    case ValueType::array:
+      if (auto elements = decodeArray(text())) return std::move(*elements);
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+std::filesystem::path movedAsideName(const std::filesystem::path& file) {
+  std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+  return file.string() + ".corrupt-" + stamp;
+}
+
+void moveAside(const std::filesystem::path& file, const std::filesystem::path& target) {
+  std::error_code ignored;
+  std::filesystem::rename(file, target, ignored);
+  // The journal files belong to the unusable database; a new suite must not
+  // replay them.
+  for (const char* suffix : {"-wal", "-shm", "-journal"}) {
+    std::filesystem::path companion = file.string() + suffix;
+    if (std::filesystem::exists(companion, ignored)) {
+      std::filesystem::rename(companion, target.string() + suffix, ignored);
+    }
+  }
+}
+
+}  // namespace
+
+std::string encodeArray(const std::vector<PreferenceArrayElement>& elements) {
+  // Each element is "i<decimal>;" or "s<length>:<bytes>", so any byte can
+  // appear in a string.
+  std::string out;
+  for (const auto& element : elements) {
+    if (const auto* number = std::get_if<std::int64_t>(&element)) {
+      out += 'i';
+      out += std::to_string(*number);
+      out += ';';
+    } else {
+      const auto& text = std::get<std::string>(element);
+      out += 's';
+      out += std::to_string(text.size());
+      out += ':';
+      out += text;
+    }
+  }
+  return out;
+}
+
+std::optional<std::vector<PreferenceArrayElement>> decodeArray(std::string_view text) {
+  std::vector<PreferenceArrayElement> elements;
+  const char* p = text.data();
+  const char* end = p + text.size();
+  while (p < end) {
+    char tag = *p++;
+    if (tag == 'i') {
+      std::int64_t number = 0;
+      auto [next, ec] = std::from_chars(p, end, number);
+      if (ec != std::errc() || next == end || *next != ';') return std::nullopt;
+      elements.emplace_back(number);
+      p = next + 1;
+    } else if (tag == 's') {
+      std::size_t length = 0;
+      auto [next, ec] = std::from_chars(p, end, length);
+      if (ec != std::errc() || next == end || *next != ':') return std::nullopt;
+      p = next + 1;
+      if (static_cast<std::size_t>(end - p) < length) return std::nullopt;
+      elements.emplace_back(std::string(p, length));
+      p += length;
+    } else {
+      return std::nullopt;
+    }
+  }
+  return elements;
+}
+
+PreferenceStore::PreferenceStore(sqlite3* db, std::filesystem::path path)
+    : db_(db), path_(std::move(path)) {}
+
+PreferenceStore::~PreferenceStore() {
+  for (sqlite3_stmt* stmt : {upsert_, delete_, selectAll_, dataVersion_}) sqlite3_finalize(stmt);
+  sqlite3_close_v2(db_);
+}
+
+int PreferenceStore::initialise(std::string* error) {
+  sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+  // WAL with synchronous=NORMAL: a committed write survives the process
+  // being killed, and a write costs one append instead of two fsyncs.
+  for (const char* sql : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL", kSchema}) {
+    int code = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
+    if (code != SQLITE_OK) {
+      *error = sqliteError(db_, code);
+      return code;
+    }
+  }
+  struct {
+    const char* sql;
+    sqlite3_stmt** stmt;
+  } statements[] = {
+      {kUpsert, &upsert_},
+      {"DELETE FROM preferences WHERE key = ?1", &delete_},
+      {"SELECT key, type, value FROM preferences", &selectAll_},
+      {"PRAGMA data_version", &dataVersion_},
+  };
+  for (auto& s : statements) {
+    int code = sqlite3_prepare_v3(db_, s.sql, -1, SQLITE_PREPARE_PERSISTENT, s.stmt, nullptr);
+    if (code != SQLITE_OK) {
+      *error = sqliteError(db_, code);
+      return code;
+    }
+  }
+  std::lock_guard lock(mutex_);
+  knownDataVersion_ = dataVersion();
+  int code = loadAll();
+  if (code != SQLITE_OK) *error = sqliteError(db_, code);
+  return code;
+}
+
+PreferenceStore::OpenResult PreferenceStore::open(const std::filesystem::path& directory) {
+  OpenResult result;
+  if (directory.empty()) {
+    result.error = "no application-support directory";
+    return result;
+  }
+  std::error_code ec;
+  std::filesystem::create_directories(directory, ec);
+  if (ec) {
+    result.error = "cannot create " + directory.string() + ": " + ec.message();
+    return result;
+  }
+  const std::filesystem::path file = directory / kFileName;
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    sqlite3* db = nullptr;
+    int code =
+        sqlite3_open_v2(file.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (code != SQLITE_OK) {
+      result.error = sqliteError(db, code);
+      sqlite3_close_v2(db);
+      return result;
+    }
+    std::unique_ptr<PreferenceStore> store(new PreferenceStore(db, file));
+    std::string error;
+    code = store->initialise(&error);
+    if (code == SQLITE_OK) {
+      result.store = std::move(store);
+      return result;
+    }
+    store.reset();
+    if (!isUnusableFile(code) || attempt > 0) {
+      result.error = error;
+      return result;
+    }
+    result.movedAsidePath = movedAsideName(file);
+    moveAside(file, result.movedAsidePath);
+  }
+  return result;
+}
+
+int64_t PreferenceStore::dataVersion() {
+  int64_t version = -1;
+  if (sqlite3_step(dataVersion_) == SQLITE_ROW) version = sqlite3_column_int64(dataVersion_, 0);
+  sqlite3_reset(dataVersion_);
+  return version;
+}
+
+void PreferenceStore::refreshIfChanged() {
+  int64_t version = dataVersion();
+  if (version == knownDataVersion_) return;
+  knownDataVersion_ = version;
+  loadAll();
+}
+
+int PreferenceStore::loadAll() {
+  Rows rows;
+  int code;
+  while ((code = sqlite3_step(selectAll_)) == SQLITE_ROW) {
+    const auto* key = reinterpret_cast<const char*>(sqlite3_column_text(selectAll_, 0));
+    if (key == nullptr) continue;
+    if (auto value = columnValue(selectAll_)) {
+      rows.emplace(std::string(key, sqlite3_column_bytes(selectAll_, 0)), std::move(*value));
+    }
+  }
+  sqlite3_reset(selectAll_);
+  if (code != SQLITE_DONE) return code;
+  rows_ = std::move(rows);
+  return SQLITE_OK;
+}
+
+bool PreferenceStore::put(std::string_view key, PreferenceValue value, std::string* error) {
+  std::lock_guard lock(mutex_);
+  refreshIfChanged();
+  sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+  bindValue(upsert_, value);
+  int code = sqlite3_step(upsert_);
+  sqlite3_reset(upsert_);
+  sqlite3_clear_bindings(upsert_);
+  if (code != SQLITE_DONE) {
+    *error = sqliteError(db_, code);
+    return false;
+  }
+  // Our own commit does not move data_version, so the copy stays current.
+  auto it = rows_.find(key);
+  if (it != rows_.end()) {
+    it->second = std::move(value);
+  } else {
+    rows_.emplace(std::string(key), std::move(value));
+  }
+  return true;
+}
+
+bool PreferenceStore::remove(std::string_view key, std::string* error) {
+  std::lock_guard lock(mutex_);
+  refreshIfChanged();
+  sqlite3_bind_text(delete_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+  int code = sqlite3_step(delete_);
+  sqlite3_reset(delete_);
+  sqlite3_clear_bindings(delete_);
+  if (code != SQLITE_DONE) {
+    *error = sqliteError(db_, code);
+    return false;
+  }
+  auto it = rows_.find(key);
+  if (it != rows_.end()) rows_.erase(it);
+  return true;
+}
+
+std::vector<PreferenceEntry> PreferenceStore::entries() {
+  std::lock_guard lock(mutex_);
+  refreshIfChanged();
+  std::map<std::string_view, const PreferenceValue*> sorted;
+  for (const auto& [key, value] : rows_) sorted.emplace(key, &value);
+  std::vector<PreferenceEntry> result;
+  result.reserve(sorted.size());
+  for (const auto& [key, value] : sorted) result.push_back({std::string(key), *value});
+  return result;
+}
+
+namespace {
+
+struct StoreRegistry {
+  std::mutex mutex;
+  std::shared_ptr<PreferenceStore> store;  // guarded by mutex
+};
+
+StoreRegistry& registry() {
+  // Never destroyed: the store may be used from threads that outlive static
+  // destruction (a host's detached threads, our own teardown at exit).
+  static auto* instance = new StoreRegistry;
+  return *instance;
+}
+
+[[noreturn]] void failToOpen(const std::string& reason) {
+  std::string message = "Could not create or access UserDefaults suite: ";
+  message += kPreferenceSuiteName;
+  std::fprintf(stderr, "%s\n", message.c_str());
+  std::fprintf(stderr, "(%s)\n", reason.c_str());
+  std::fflush(stderr);
+  std::abort();
+}
+
+}  // namespace
+
+std::shared_ptr<PreferenceStore> currentStore() {
+  StoreRegistry& r = registry();
+  std::filesystem::path movedAside;
+  std::shared_ptr<PreferenceStore> store;
+  {
+    std::lock_guard lock(r.mutex);
+    if (!r.store) {
+      auto result = PreferenceStore::open(currentPlatform()->applicationSupportDirectory());
+      if (!result.store) failToOpen(result.error);
+      r.store = std::move(result.store);
+      movedAside = std::move(result.movedAsidePath);
+    }
+    store = r.store;
+  }
+  if (!movedAside.empty()) {
+    // Logged outside the registry lock: the logger reads the store.
+    SDKLogger::shared().log("Preference suite was unreadable; moved it to " + movedAside.string() +
+                                " and created a new one",
+                            LogLevel::error, "currentStore()");
+  }
+  return store;
+}
+
+void resetCurrentStore() {
+  StoreRegistry& r = registry();
+  std::shared_ptr<PreferenceStore> old;
+  std::lock_guard lock(r.mutex);
+  old.swap(r.store);
+}
+
+}  // namespace pactivo::detail

@@ -1,0 +1,114 @@
+// The SQLite-backed key-value suite behind UserDefaultManager.
+#ifndef PACTIVO_SRC_PERSISTENCE_PREFERENCE_STORE_H_
+#define PACTIVO_SRC_PERSISTENCE_PREFERENCE_STORE_H_
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "pactivo/user_default_manager.h"
+
+namespace pactivo::detail {
+
+// One connection to the suite's database with an in-memory copy of all its
+// rows. Reads are served from the copy, which is reloaded whenever another
+// connection (another process, or a second store on the same file) has
+// committed since the last read. Writes commit at once and update the copy.
+//
+// Thread-safe: one mutex serialises the connection and the copy.
+class PreferenceStore {
+ public:
+  // What open() found on disk.
+  struct OpenResult {
+    std::unique_ptr<PreferenceStore> store;  // null when the suite cannot be opened
+    std::string error;                       // why, when store is null
+    std::filesystem::path movedAsidePath;    // set when an unusable file was moved aside
+  };
+
+  static constexpr std::string_view kFileName = "tessarin-cmp-sdk.sqlite";
+
+  // Opens (creating when needed) the suite in `directory`. A file that SQLite
+  // reports as corrupt or not a database is renamed with a timestamp and a
+  // new suite is created in its place.
+  static OpenResult open(const std::filesystem::path& directory);
+
+  ~PreferenceStore();
+  PreferenceStore(const PreferenceStore&) = delete;
+  PreferenceStore& operator=(const PreferenceStore&) = delete;
+
+  // Calls `reader` with the stored value (null when absent) while the copy is
+  // locked; the pointer is valid only during the call.
+  template <typename Reader>
+  auto read(std::string_view key, Reader&& reader) {
+    std::lock_guard lock(mutex_);
+    refreshIfChanged();
+    auto it = rows_.find(key);
+    return reader(it == rows_.end() ? static_cast<const PreferenceValue*>(nullptr) : &it->second);
+  }
+
+  // Stores `value` under `key`. Returns false, with the reason in `*error`,
+  // when SQLite refused the write; the copy then keeps the old value.
+  bool put(std::string_view key, PreferenceValue value, std::string* error);
+  bool remove(std::string_view key, std::string* error);
+
+  // Every row, ordered by key.
+  std::vector<PreferenceEntry> entries();
+
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  struct TransparentHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const noexcept {
+      return std::hash<std::string_view>{}(text);
+    }
+  };
+  using Rows = std::unordered_map<std::string, PreferenceValue, TransparentHash, std::equal_to<>>;
+
+  PreferenceStore(sqlite3* db, std::filesystem::path path);
+  // Prepares statements, loads all rows. Returns the SQLite code of the first
+  // failure, SQLITE_OK on success.
+  int initialise(std::string* error);
+  void refreshIfChanged();
+  int loadAll();
+  int64_t dataVersion();
+
+  sqlite3* const db_;
+  const std::filesystem::path path_;
+
+  std::mutex mutex_;
+  // State below is guarded by mutex_.
+  sqlite3_stmt* upsert_ = nullptr;
+  sqlite3_stmt* delete_ = nullptr;
+  sqlite3_stmt* selectAll_ = nullptr;
+  sqlite3_stmt* dataVersion_ = nullptr;
+  int64_t knownDataVersion_ = -1;
+  Rows rows_;
+};
+
+// The suite of the current platform, opened on first use. Stops the process
+// when it cannot be opened. The result stays usable while held, even if the
+// platform changes meanwhile.
+std::shared_ptr<PreferenceStore> currentStore();
+
+// Closes the current suite; the next currentStore() opens the suite of the
+// platform in use then.
+void resetCurrentStore();
+
+// Array values are kept as one text column; exposed for the tests of the
+// persisted format.
+std::string encodeArray(const std::vector<PreferenceArrayElement>& elements);
+std::optional<std::vector<PreferenceArrayElement>> decodeArray(std::string_view text);
+
+}  // namespace pactivo::detail
+
+#endif  // PACTIVO_SRC_PERSISTENCE_PREFERENCE_STORE_H_

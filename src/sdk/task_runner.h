@@ -1,0 +1,66 @@
+// Background tasks of the facade: each on its own thread, cancellable, and
+// all joined when the runner is destroyed.
+#ifndef PACTIVO_SRC_SDK_TASK_RUNNER_H_
+#define PACTIVO_SRC_SDK_TASK_RUNNER_H_
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <stop_token>
+#include <thread>
+
+namespace pactivo::detail {
+
+// Refers to one started task. Copyable; cancelling through any copy asks the
+// task to stop. Never waits for the task.
+class TaskHandle {
+ public:
+  TaskHandle() = default;
+  explicit TaskHandle(std::stop_source source) : source_(std::move(source)) {}
+  void cancel() { source_.request_stop(); }
+
+ private:
+  std::stop_source source_{std::nostopstate};
+};
+
+// Thread-safe. The destructor cancels every task still running and joins it;
+// a task must therefore notice its stop token (or finish) promptly.
+class TaskRunner {
+ public:
+  TaskRunner() = default;
+  ~TaskRunner();
+  TaskRunner(const TaskRunner&) = delete;
+  TaskRunner& operator=(const TaskRunner&) = delete;
+
+  // Runs `body` on a new thread. Inside it, currentTaskStopToken() returns
+  // the task's token. After shutdown() the body is not run.
+  TaskHandle start(std::function<void()> body);
+
+  // Cancels every running task and waits for all of them to end.
+  void shutdown();
+
+  // How many tasks have not finished yet.
+  std::size_t runningCount();
+
+ private:
+  struct Task {
+    std::thread thread;
+    std::stop_source source;
+    std::shared_ptr<std::atomic<bool>> done = std::make_shared<std::atomic<bool>>(false);
+  };
+  void reapFinishedLocked();
+
+  std::mutex mutex_;
+  bool closed_ = false;    // guarded by mutex_
+  std::list<Task> tasks_;  // guarded by mutex_
+};
+
+// The stop token of the task running on this thread; a token that never stops
+// on threads that are not tasks (a host's own thread).
+std::stop_token currentTaskStopToken();
+
+}  // namespace pactivo::detail
+
+#endif  // PACTIVO_SRC_SDK_TASK_RUNNER_H_

@@ -1,0 +1,166 @@
+#include "support/test_support.h"
+
+#include <stdlib.h>
+
+#include <thread>
+
+#include "pactivo/locale_utils.h"
+
+namespace pactivo::testing {
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "pactivo-test-XXXXXX").string();
+  char* created = mkdtemp(pattern.data());
+  if (created == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = created;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  // A test may have made parts read-only; give them back before removal.
+  for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
+       it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::add, ec);
+  }
+  std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
+                               std::filesystem::perm_options::add, ec);
+  std::filesystem::remove_all(path_, ec);
+}
+
+FakePlatform::FakePlatform(std::filesystem::path dataDirectory)
+    : dataDirectory_(std::move(dataDirectory)) {}
+
+std::filesystem::path FakePlatform::applicationSupportDirectory() const { return dataDirectory_; }
+
+std::vector<std::string> FakePlatform::preferredLanguages() const {
+  std::lock_guard lock(mutex_);
+  return languages_;
+}
+
+std::string FakePlatform::deviceName() const {
+  std::lock_guard lock(mutex_);
+  return deviceName_;
+}
+
+std::string FakePlatform::advertisingIdentifier() const {
+  std::lock_guard lock(mutex_);
+  return advertisingIdentifier_;
+}
+
+int FakePlatform::trackingAuthorizationStatus() const {
+  std::lock_guard lock(mutex_);
+  return trackingStatus_;
+}
+
+std::optional<std::string> FakePlatform::infoDictionaryString(const std::string& key) const {
+  std::lock_guard lock(mutex_);
+  auto it = info_.find(key);
+  if (it == info_.end()) return std::nullopt;
+  return it->second;
+}
+
+std::optional<std::string> FakePlatform::libraryVersion() const {
+  std::lock_guard lock(mutex_);
+  return libraryVersion_;
+}
+
+void FakePlatform::runOnMainThread(const std::function<void()>& work) {
+  ++mainThreadCalls_;
+  work();
+}
+
+std::string FakePlatform::localizedString(const std::string& key, const std::string&) const {
+  std::lock_guard lock(mutex_);
+  auto it = translations_.find(key);
+  return it == translations_.end() ? key : it->second;
+}
+
+std::chrono::system_clock::time_point FakePlatform::now() const {
+  return std::chrono::system_clock::time_point(std::chrono::seconds(now_.load()));
+}
+
+void FakePlatform::setPreferredLanguages(std::vector<std::string> languages) {
+  std::lock_guard lock(mutex_);
+  languages_ = std::move(languages);
+}
+void FakePlatform::setDeviceName(std::string name) {
+  std::lock_guard lock(mutex_);
+  deviceName_ = std::move(name);
+}
+void FakePlatform::setAdvertisingIdentifier(std::string id) {
+  std::lock_guard lock(mutex_);
+  advertisingIdentifier_ = std::move(id);
+}
+void FakePlatform::setTrackingAuthorizationStatus(int status) {
+  std::lock_guard lock(mutex_);
+  trackingStatus_ = status;
+}
+void FakePlatform::setInfo(std::string key, std::string value) {
+  std::lock_guard lock(mutex_);
+  info_[std::move(key)] = std::move(value);
+}
+void FakePlatform::setLibraryVersion(std::optional<std::string> version) {
+  std::lock_guard lock(mutex_);
+  libraryVersion_ = std::move(version);
+}
+void FakePlatform::setTranslation(std::string key, std::string text) {
+  std::lock_guard lock(mutex_);
+  translations_[std::move(key)] = std::move(text);
+}
+void FakePlatform::setNow(std::int64_t seconds) { now_ = seconds; }
+void FakePlatform::advance(std::int64_t seconds) { now_ += seconds; }
+
+ScopedPlatform::ScopedPlatform()
+    : dataDirectory_(dir_.path() / "data"),
+      platform_(std::make_shared<FakePlatform>(dataDirectory_)) {
+  installPlatform(platform_);
+  LocaleUtils::setCurrentLanguageCode("en");
+  SDKLogger::shared().setLogLevel(LogLevel::debug);
+}
+
+ScopedPlatform::~ScopedPlatform() {
+  installPlatform(nullptr);
+  SDKLogger::shared().setLogLevel(LogLevel::debug);
+}
+
+LogCapture::LogCapture() {
+  SDKLogger::shared().setSink([this](std::string_view text) {
+    std::lock_guard lock(mutex_);
+    messages_.emplace_back(text);
+  });
+}
+
+LogCapture::~LogCapture() { SDKLogger::shared().setSink(nullptr); }
+
+std::string LogCapture::text() const {
+  std::lock_guard lock(mutex_);
+  std::string all;
+  for (const auto& message : messages_) all += message;
+  return all;
+}
+
+std::vector<std::string> LogCapture::messages() const {
+  std::lock_guard lock(mutex_);
+  return messages_;
+}
+
+bool LogCapture::contains(const std::string& fragment) const {
+  return text().find(fragment) != std::string::npos;
+}
+
+void LogCapture::clear() {
+  std::lock_guard lock(mutex_);
+  messages_.clear();
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return condition();
+}
+
+}  // namespace pactivo::testing

@@ -1,0 +1,117 @@
+// Shared pieces of the tests: a temporary directory, a fake platform at the
+// system edge, and a capture of the log.
+#ifndef PACTIVO_TESTS_SUPPORT_TEST_SUPPORT_H_
+#define PACTIVO_TESTS_SUPPORT_TEST_SUPPORT_H_
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pactivo/logger.h"
+#include "pactivo/platform.h"
+
+namespace pactivo::testing {
+
+// A fresh directory, removed with everything in it on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// A platform whose every answer the test sets. Wall-clock time stands still
+// unless the test moves it.
+class FakePlatform : public Platform {
+ public:
+  explicit FakePlatform(std::filesystem::path dataDirectory);
+
+  std::filesystem::path applicationSupportDirectory() const override;
+  std::vector<std::string> preferredLanguages() const override;
+  std::string deviceName() const override;
+  std::string advertisingIdentifier() const override;
+  int trackingAuthorizationStatus() const override;
+  std::optional<std::string> infoDictionaryString(const std::string& key) const override;
+  std::optional<std::string> libraryVersion() const override;
+  void runOnMainThread(const std::function<void()>& work) override;
+  std::string localizedString(const std::string& key, const std::string& comment) const override;
+  std::chrono::system_clock::time_point now() const override;
+
+  void setPreferredLanguages(std::vector<std::string> languages);
+  void setDeviceName(std::string name);
+  void setAdvertisingIdentifier(std::string id);
+  void setTrackingAuthorizationStatus(int status);
+  void setInfo(std::string key, std::string value);
+  void setLibraryVersion(std::optional<std::string> version);
+  void setTranslation(std::string key, std::string text);
+  // Seconds since 1970.
+  void setNow(std::int64_t seconds);
+  void advance(std::int64_t seconds);
+  int mainThreadCalls() const { return mainThreadCalls_.load(); }
+
+ private:
+  const std::filesystem::path dataDirectory_;
+  mutable std::mutex mutex_;
+  std::vector<std::string> languages_{"en-US"};
+  std::string deviceName_ = "Test Device";
+  std::string advertisingIdentifier_;
+  int trackingStatus_ = 0;
+  std::map<std::string, std::string> info_;
+  std::optional<std::string> libraryVersion_ = "9.8.7";
+  std::map<std::string, std::string> translations_;
+  std::atomic<std::int64_t> now_{1700000000};
+  std::atomic<int> mainThreadCalls_{0};
+};
+
+// Installs a FakePlatform over a fresh directory for the lifetime of the
+// object, with the language code and log level reset, and restores the
+// default platform afterwards.
+class ScopedPlatform {
+ public:
+  ScopedPlatform();
+  ~ScopedPlatform();
+  FakePlatform& platform() { return *platform_; }
+  // The platform's application-support directory (not created up front).
+  const std::filesystem::path& dataDirectory() const { return dataDirectory_; }
+
+ private:
+  TempDir dir_;
+  std::filesystem::path dataDirectory_;
+  std::shared_ptr<FakePlatform> platform_;
+};
+
+// Collects what the logger prints while it lives.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  std::string text() const;
+  // The printed messages, each possibly several lines.
+  std::vector<std::string> messages() const;
+  // Whether some message contains `fragment`.
+  bool contains(const std::string& fragment) const;
+  void clear();
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> messages_;
+};
+
+// Polls `condition` until it holds or `timeout` passes.
+bool eventually(const std::function<bool()>& condition,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+}  // namespace pactivo::testing
+
+#endif  // PACTIVO_TESTS_SUPPORT_TEST_SUPPORT_H_
