@@ -104,5 +104,3 @@ BENCHMARK(BM_GetString)->Repetitions(5)->ReportAggregatesOnly(true);
 
 }  // namespace
 }  // namespace pactivo
-
-BENCHMARK_MAIN();

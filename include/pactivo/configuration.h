@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "pactivo/consent_records.h"
 #include "pactivo/enums.h"
 #include "pactivo/export.h"
 #include "pactivo/localized_text.h"
@@ -212,5 +213,28 @@ struct PACTIVO_EXPORT MainConfiguration {
 };
 
 }  // namespace pactivo
+
+// Hashes over every stored field, consistent with operator==.
+#define PACTIVO_DECLARE_HASH(Type)                                     \
+  template <>                                                          \
+  struct PACTIVO_EXPORT std::hash<pactivo::Type> {                     \
+    std::size_t operator()(const pactivo::Type& value) const noexcept; \
+  };
+PACTIVO_DECLARE_HASH(LocalizedText)
+PACTIVO_DECLARE_HASH(SDK)
+PACTIVO_DECLARE_HASH(Purpose)
+PACTIVO_DECLARE_HASH(AppPermission)
+PACTIVO_DECLARE_HASH(SettingsPrompt)
+PACTIVO_DECLARE_HASH(ATTConfig)
+PACTIVO_DECLARE_HASH(DefaultMapping)
+PACTIVO_DECLARE_HASH(GcmConfig)
+PACTIVO_DECLARE_HASH(CustomColors)
+PACTIVO_DECLARE_HASH(BannerConfig)
+PACTIVO_DECLARE_HASH(ConsentBannerConfig)
+PACTIVO_DECLARE_HASH(MainConfiguration)
+PACTIVO_DECLARE_HASH(PurposeConsent)
+PACTIVO_DECLARE_HASH(PermissionConsent)
+PACTIVO_DECLARE_HASH(PostConsentsRequest)
+#undef PACTIVO_DECLARE_HASH
 
 #endif  // PACTIVO_CONFIGURATION_H_

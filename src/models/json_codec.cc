@@ -1,5 +1,10 @@
 // Decoding with simdjson's DOM parser, encoding with RapidJSON's Writer; both
 // stay inside this file.
+// RapidJSON scans strings for characters to escape sixteen bytes at a time
+// when told the CPU has SSE2 (every x86-64 does).
+#if defined(__SSE2__) && !defined(RAPIDJSON_SSE2)
+#define RAPIDJSON_SSE2
+#endif
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 #include <simdjson.h>
@@ -195,7 +200,9 @@ class Decoder {
     static_assert(count <= 64);
     std::uint64_t present = 0;
     simdjson::dom::object object = value.get_object().value_unsafe();
-    for (auto [key, item] : object) {
+    for (simdjson::dom::key_value_pair member : object) {
+      std::string_view key = member.key;
+      element item = member.value;
       bool ok = true;
       std::size_t index = 0;
       // Compares the key against each field in turn; the first match decodes.
@@ -209,9 +216,7 @@ class Decoder {
     bool ok = true;
     std::size_t index = 0;
     std::apply(
-        [&](const auto&... field) {
-          (void)((ok = ok && checkRequired(field, index++, present)), ...);
-        },
+        [&](const auto&... field) { ((ok = ok && checkRequired(field, index++, present)), ...); },
         fields);
     return ok;
   }
