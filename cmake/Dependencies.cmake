@@ -3,8 +3,9 @@ find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(SQLite3 REQUIRED)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+find_package(CURL REQUIRED)
 find_package(simdjson CONFIG REQUIRED)
 find_package(RapidJSON CONFIG REQUIRED)
 
 # Linked privately: no public header includes any of them.
-set(PACTIVO_PRIVATE_DEPENDENCIES SQLite::SQLite3 PkgConfig::UUID simdjson::simdjson)
+set(PACTIVO_PRIVATE_DEPENDENCIES SQLite::SQLite3 PkgConfig::UUID simdjson::simdjson CURL::libcurl)

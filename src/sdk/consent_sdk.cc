@@ -81,6 +81,8 @@ void ConsentSDK::Impl::setup(const ConsentSDKOptions& options) {
 
 void ConsentSDK::Impl::runSetupTask() { getCDNFile(); }
 
+void ConsentSDK::Impl::startPrefillDefaultValues(std::shared_ptr<const MainConfiguration>, bool) {}
+
 void ConsentSDK::Impl::isReady(std::function<void(SDKStatus)> callback) {
   auto shared = std::make_shared<std::function<void(SDKStatus)>>(std::move(callback));
   std::weak_ptr<SDKListener> prev = prevSdkListener;

@@ -1,7 +1,13 @@
 // The configuration file cache: where the document lives on disk, how it is
-// discarded, and how getCDNFile() chooses between the cache and a fetch.
+// saved with a backup, and how getCDNFile() chooses between cache and fetch.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <system_error>
 
+#include "pactivo/locale_utils.h"
 #include "pactivo/logger.h"
 #include "pactivo/platform.h"
 #include "pactivo/user_default_manager.h"
@@ -11,6 +17,75 @@ namespace pactivo {
 namespace {
 
 constexpr const char* kCdnFileName = "tessarin-sdk-cdn.json";
+constexpr const char* kCdnBackupFileName = "tessarin-sdk-cdn-backup.json";
+// A cached document younger than this many seconds is used without asking.
+constexpr std::int64_t kFreshnessLimitSeconds = 3601;
+constexpr std::int64_t kDefaultDocumentVersion = 1;
+
+std::string fileUrl(const std::filesystem::path& path) { return "file://" + path.string(); }
+
+std::int64_t nowSeconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             currentPlatform()->now().time_since_epoch())
+      .count();
+}
+
+void log(const std::string& message, LogLevel level, std::string_view function,
+         SourceLocation location = SourceLocation::current()) {
+  SDKLogger::shared().log(message, level, function, location);
+}
+
+// The whole file, or the reason it could not be read.
+bool readWholeFile(const std::filesystem::path& path, std::string* contents, std::string* error,
+                   struct stat* identity) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    *error = std::strerror(errno);
+    return false;
+  }
+  bool ok = ::fstat(fd, identity) == 0;
+  if (ok) {
+    contents->resize(static_cast<std::size_t>(identity->st_size));
+    std::size_t done = 0;
+    while (ok && done < contents->size()) {
+      ssize_t n = ::read(fd, contents->data() + done, contents->size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        ok = false;
+      } else {
+        done += static_cast<std::size_t>(n);
+      }
+    }
+    contents->resize(done);
+  }
+  if (!ok) *error = std::strerror(errno != 0 ? errno : EIO);
+  ::close(fd);
+  return ok;
+}
+
+// A plain (not atomic) write, as the backup protects the previous file.
+bool writeWholeFile(const std::filesystem::path& path, std::string_view bytes, std::string* error) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    *error = std::strerror(errno);
+    return false;
+  }
+  while (!bytes.empty()) {
+    ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      *error = std::strerror(n < 0 ? errno : EIO);
+      ::close(fd);
+      return false;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+  if (::close(fd) != 0) {
+    *error = std::strerror(errno);
+    return false;
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -18,11 +93,10 @@ void ConsentSDK::Impl::removeCDNFile(const std::filesystem::path& file) {
   std::error_code ec;
   if (!std::filesystem::exists(file, ec)) return;
   if (std::filesystem::remove(file, ec)) {
-    SDKLogger::shared().log("Existing file removed: file://" + file.string(), LogLevel::info,
-                            "removeCDNFile(_:_:)");
+    log("Existing file removed: " + fileUrl(file), LogLevel::info, "removeCDNFile(_:_:)");
   } else {
-    SDKLogger::shared().log("Error removing existing file: " + ec.message(), LogLevel::info,
-                            "removeCDNFile(_:_:)");
+    // Logged at info like the success: a stale file is harmless.
+    log("Error removing existing file: " + ec.message(), LogLevel::info, "removeCDNFile(_:_:)");
   }
 }
 
@@ -32,9 +106,138 @@ void ConsentSDK::Impl::discardCachedConfiguration() {
   UserDefaultManager::clearETag();
 }
 
-void ConsentSDK::Impl::getCDNFile() {
-  // Fetching arrives with the network layer; until then no document is known.
-  sdkListener->setIsReady(SDKStatus::unavailable);
+std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::readCDNFile(bool isCache) {
+  std::filesystem::path directory = currentPlatform()->applicationSupportDirectory();
+  if (directory.empty()) return nullptr;
+  const std::filesystem::path file = directory / kCdnFileName;
+  std::string error;
+  {
+    std::lock_guard lock(cacheMutex_);
+    struct stat info {};
+    if (::stat(file.c_str(), &info) == 0 && cachedDocument_ &&
+        cachedIdentity_ == FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim}) {
+      return cachedDocument_;
+    }
+    std::string contents;
+    if (readWholeFile(file, &contents, &error, &info)) {
+      auto decoded = decode<MainConfiguration>(contents);
+      if (decoded.ok()) {
+        cachedDocument_ = std::make_shared<const MainConfiguration>(std::move(*decoded.value));
+        cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+        return cachedDocument_;
+      }
+      error = decoded.error;
+    }
+  }
+  if (!isCache) {
+    log("Error reading or decoding CDN: " + error, LogLevel::error, "readCDNFile(isCache:)");
+  }
+  return nullptr;
+}
+
+void ConsentSDK::Impl::saveCDNToFile(const MainConfiguration& config, const std::string& fileName) {
+  constexpr std::string_view kFunction = "saveCDNToFile(config:fileName:)";
+  std::filesystem::path directory = currentPlatform()->applicationSupportDirectory();
+  if (directory.empty()) return;
+  std::lock_guard lock(cacheMutex_);
+  std::error_code ec;
+  if (!std::filesystem::exists(directory, ec)) {
+    std::filesystem::create_directories(directory, ec);
+    if (ec) {
+      log("Error creating Application Support directory for Tessarin Consent SDK: " + ec.message(),
+          LogLevel::error, kFunction);
+      return;
+    }
+  }
+  const std::filesystem::path target = directory / fileName;
+  const std::filesystem::path backup = directory / kCdnBackupFileName;
+  if (std::filesystem::exists(target, ec)) {
+    std::filesystem::rename(target, backup, ec);
+    if (ec) {
+      log("Error creating backup: " + ec.message(), LogLevel::error, kFunction);
+      return;
+    }
+    log("Backup created: " + fileUrl(backup), LogLevel::info, kFunction);
+  }
+  std::string error;
+  if (writeWholeFile(target, encode(config), &error)) {
+    // What was written decodes to `config` again, so the next read of this
+    // file needs no parse.
+    struct stat info {};
+    if (::stat(target.c_str(), &info) == 0) {
+      cachedDocument_ = std::make_shared<const MainConfiguration>(config);
+      cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+    }
+    if (std::filesystem::exists(backup, ec)) removeCDNFile(backup);
+    UserDefaultManager::setString(keys::kCdnFileLocation, fileUrl(target));
+    UserDefaultManager::setInt64(keys::kCdnCachedTimestamp, nowSeconds());
+    UserDefaultManager::setString(keys::kLanguageCode, LocaleUtils::currentLanguageCode());
+    log("CDN saved at: " + fileUrl(target), LogLevel::debug, kFunction);
+    return;
+  }
+  log("Error saving CDN: " + error, LogLevel::error, kFunction);
+  if (std::filesystem::exists(backup, ec)) {
+    std::filesystem::rename(backup, target, ec);
+    if (ec) {
+      log("Error restoring backup: " + ec.message(), LogLevel::error, kFunction);
+    } else {
+      log("Backup restored to original: " + fileUrl(target), LogLevel::debug, kFunction);
+    }
+  }
+}
+
+std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
+  constexpr std::string_view kFunction = "getCDNFile()";
+  std::shared_ptr<const MainConfiguration> result = readCDNFile(true);
+  const std::int64_t now = nowSeconds();
+  const std::int64_t stamp = UserDefaultManager::getInt64(keys::kCdnCachedTimestamp, now);
+  const std::optional<ConsentSDKOptions> options = this->options();
+
+  bool fetch = false;
+  if (options) {
+    // A cached document without any stored timestamp counts as fresh.
+    fetch = !result || stamp == 0 || now - stamp >= kFreshnessLimitSeconds;
+  }
+  if (fetch) {
+    sdkListener->setIsReady(SDKStatus::fetching);
+    try {
+      MainConfiguration fetched = getCDN(*options);
+      saveCDNToFile(fetched, kCdnFileName);
+      result = readCDNFile(false);
+    } catch (const NetworkError& error) {
+      if (error.kind() == NetworkError::Kind::cdnNotModified) {
+        log("CDN Configuration is up to date", LogLevel::info, kFunction);
+      } else {
+        log("Failed to fetch CDN File: " + error.description(), LogLevel::error, kFunction);
+      }
+    } catch (const std::exception& error) {
+      log(std::string("Failed to fetch CDN File: ") + error.what(), LogLevel::error, kFunction);
+    }
+  }
+  if (result) applyConfiguration(result);
+  sdkListener->setIsReady(result ? SDKStatus::available : SDKStatus::unavailable);
+  return result;
+}
+
+void ConsentSDK::Impl::applyConfiguration(
+    const std::shared_ptr<const MainConfiguration>& document) {
+  const MainConfiguration& config = *document;
+  UserDefaultManager::setString(keys::kXAuthToken, config.token.value_or(""));
+  UserDefaultManager::setBool(keys::kIsSettingsPromptEnabled,
+                              config.isSettingsPromptEnabled.value_or(false));
+  UserDefaultManager::setBool(keys::kIsAttEnabled, config.isATTEnabled.value_or(false));
+
+  const std::int64_t current = config.version.value_or(kDefaultDocumentVersion);
+  std::int64_t stored = UserDefaultManager::getInt(keys::kSdkVersion);
+  if (stored == 0) stored = current;  // a first apply is never a new version
+  const bool reConsent = stored < current && config.reConsentEnabled.value_or(false);
+  if (reConsent) UserDefaultManager::setString(keys::kConsentGivenType, kConsentNoAction);
+  UserDefaultManager::setInt(keys::kSdkVersion, current);
+
+  if (UserDefaultManager::getString(keys::kConsentGivenType, kConsentNoAction) ==
+      kConsentNoAction) {
+    startPrefillDefaultValues(document, reConsent);
+  }
 }
 
 }  // namespace pactivo

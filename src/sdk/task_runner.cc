@@ -1,7 +1,5 @@
 #include "sdk/task_runner.h"
 
-#include <vector>
-
 namespace pactivo::detail {
 namespace {
 
@@ -15,7 +13,7 @@ TaskRunner::~TaskRunner() { shutdown(); }
 
 void TaskRunner::reapFinishedLocked() {
   for (auto it = tasks_.begin(); it != tasks_.end();) {
-    if (it->done->load(std::memory_order_acquire)) {
+    if (*it->done) {
       it->thread.join();
       it = tasks_.erase(it);
     } else {
@@ -25,16 +23,21 @@ void TaskRunner::reapFinishedLocked() {
 }
 
 TaskHandle TaskRunner::start(std::function<void()> body) {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(shared_->mutex);
   reapFinishedLocked();
   if (closed_) return TaskHandle();
   Task& task = tasks_.emplace_back();
+  task.done = std::make_shared<bool>(false);
   std::stop_token token = task.source.get_token();
-  task.thread = std::thread([body = std::move(body), token, done = task.done] {
+  // The thread holds the shared state, not the runner: a thread detached at
+  // shutdown may finish after the runner is gone.
+  task.thread = std::thread([shared = shared_, done = task.done, body = std::move(body), token] {
     currentToken = token;
     if (!token.stop_requested()) body();
     currentToken = std::stop_token();
-    done->store(true, std::memory_order_release);
+    std::lock_guard lock(shared->mutex);
+    *done = true;
+    shared->taskEnded.notify_all();
   });
   return TaskHandle(task.source);
 }
@@ -42,7 +45,7 @@ TaskHandle TaskRunner::start(std::function<void()> body) {
 void TaskRunner::shutdown() {
   std::list<Task> tasks;
   {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(shared_->mutex);
     closed_ = true;
     tasks.swap(tasks_);
   }
@@ -58,8 +61,19 @@ void TaskRunner::shutdown() {
   }
 }
 
+void TaskRunner::waitUntilIdle() {
+  std::unique_lock lock(shared_->mutex);
+  shared_->taskEnded.wait(lock, [this] {
+    for (const Task& task : tasks_) {
+      if (!*task.done) return false;
+    }
+    return true;
+  });
+  reapFinishedLocked();
+}
+
 std::size_t TaskRunner::runningCount() {
-  std::lock_guard lock(mutex_);
+  std::lock_guard lock(shared_->mutex);
   reapFinishedLocked();
   return tasks_.size();
 }

@@ -3,7 +3,7 @@
 #ifndef PACTIVO_SRC_SDK_TASK_RUNNER_H_
 #define PACTIVO_SRC_SDK_TASK_RUNNER_H_
 
-#include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <list>
 #include <memory>
@@ -44,17 +44,25 @@ class TaskRunner {
   // How many tasks have not finished yet.
   std::size_t runningCount();
 
+  // Waits until no task is running, including tasks started meanwhile.
+  void waitUntilIdle();
+
  private:
+  struct Shared {
+    std::mutex mutex;
+    std::condition_variable taskEnded;
+  };
   struct Task {
     std::thread thread;
     std::stop_source source;
-    std::shared_ptr<std::atomic<bool>> done = std::make_shared<std::atomic<bool>>(false);
+    std::shared_ptr<bool> done;  // guarded by Shared::mutex
   };
   void reapFinishedLocked();
 
-  std::mutex mutex_;
-  bool closed_ = false;    // guarded by mutex_
-  std::list<Task> tasks_;  // guarded by mutex_
+  const std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
+  // State below is guarded by shared_->mutex.
+  bool closed_ = false;
+  std::list<Task> tasks_;
 };
 
 // The stop token of the task running on this thread; a token that never stops

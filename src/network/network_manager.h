@@ -1,0 +1,81 @@
+// The network layer: send one request, classify the reply, keep the ETag,
+// decode the body.
+#ifndef PACTIVO_SRC_NETWORK_NETWORK_MANAGER_H_
+#define PACTIVO_SRC_NETWORK_NETWORK_MANAGER_H_
+
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "network/request_builder.h"
+#include "pactivo/json.h"
+#include "pactivo/network_error.h"
+
+namespace pactivo::detail {
+
+// A transfer that produced no HTTP reply: refused connection, DNS failure,
+// time-out, TLS failure, cancellation, or a body over the size limit.
+class TransportError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Larger bodies are refused rather than held in memory.
+inline constexpr std::size_t kMaxResponseBodyBytes = 64 * 1024 * 1024;
+
+struct HTTPResponse {
+  std::string url;
+  int statusCode = 0;
+  std::map<std::string, std::string> headers;  // names as the server sent them
+};
+
+struct Exchange {
+  std::optional<HTTPResponse> response;  // nullopt for a reply that is not HTTP
+  std::optional<std::string> body;
+};
+
+// The text logged for a failed exchange (request, response and body).
+std::string exchangeDump(const URLRequest& request, const std::optional<HTTPResponse>& response,
+                         const std::optional<std::string>& body);
+
+// Sends requests. Implementations are safe to call from several threads.
+class NetworkManager {
+ public:
+  virtual ~NetworkManager() = default;
+
+  // Sends `request` once, with no cache. Throws TransportError.
+  virtual Exchange send(const URLRequest& request) = 0;
+
+  // Sends `request` and decodes a 2xx body as T. 304 throws cdnNotModified
+  // and 404 invalidStatusCode(404), quietly; every other failure is logged
+  // with the exchange dump and thrown. A 2xx "Etag" is stored before the body
+  // is decoded.
+  template <typename T>
+  T processRequest(const URLRequest& request) {
+    Exchange exchange = send(request);
+    checkStatusAndKeepETag(request, exchange);
+    auto decoded = decode<T>(exchange.body.value_or(""));
+    if (!decoded.ok()) failDecoding(request, exchange, typeName<T>(), decoded.error);
+    return std::move(*decoded.value);
+  }
+
+ private:
+  static void checkStatusAndKeepETag(const URLRequest& request, const Exchange& exchange);
+  [[noreturn]] static void failDecoding(const URLRequest& request, const Exchange& exchange,
+                                        std::string_view typeName, const std::string& error);
+};
+
+// The libcurl implementation: a fresh easy handle per request (no shared
+// cache or connection state), TLS verification on, redirects followed, and
+// the transfer aborted promptly when the calling task is cancelled.
+class ConsentNetworkManager : public NetworkManager {
+ public:
+  ConsentNetworkManager();
+  Exchange send(const URLRequest& request) override;
+};
+
+}  // namespace pactivo::detail
+
+#endif  // PACTIVO_SRC_NETWORK_NETWORK_MANAGER_H_

@@ -1,0 +1,94 @@
+#include "support/test_server.h"
+
+#include <strings.h>
+
+#include <chrono>
+
+namespace pactivo::testing {
+
+std::string RecordedRequest::header(const std::string& name) const {
+  for (const auto& [key, value] : headers) {
+    if (strcasecmp(key.c_str(), name.c_str()) == 0) return value;
+  }
+  return "";
+}
+
+bool RecordedRequest::hasHeader(const std::string& name) const {
+  for (const auto& [key, value] : headers) {
+    if (strcasecmp(key.c_str(), name.c_str()) == 0) return true;
+  }
+  return false;
+}
+
+TestServer::TestServer() {
+  auto route = [this](const httplib::Request& request, httplib::Response& response) {
+    handle(request, response);
+  };
+  server_.Get(".*", route);
+  server_.Post(".*", route);
+  server_.Put(".*", route);
+  server_.Delete(".*", route);
+  server_.Patch(".*", route);
+  server_.set_keep_alive_max_count(1);
+  port_ = server_.bind_to_any_port("127.0.0.1");
+  thread_ = std::thread([this] { server_.listen_after_bind(); });
+  while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+TestServer::~TestServer() {
+  server_.stop();
+  thread_.join();
+}
+
+std::string TestServer::baseUrl() const {
+  return "http://127.0.0.1:" + std::to_string(port_) + "/";
+}
+
+void TestServer::setHandler(Handler handler) {
+  std::lock_guard lock(mutex_);
+  handler_ = std::move(handler);
+}
+
+void TestServer::respond(int status, std::string body, std::string etag) {
+  setHandler([=](const httplib::Request&, httplib::Response& response) {
+    response.status = status;
+    if (!etag.empty()) response.set_header("ETag", etag);
+    if (!body.empty()) response.set_content(body, "application/json");
+  });
+}
+
+std::vector<RecordedRequest> TestServer::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+std::size_t TestServer::requestCount() const {
+  std::lock_guard lock(mutex_);
+  return requests_.size();
+}
+
+void TestServer::clearRequests() {
+  std::lock_guard lock(mutex_);
+  requests_.clear();
+}
+
+void TestServer::handle(const httplib::Request& request, httplib::Response& response) {
+  Handler handler;
+  {
+    std::lock_guard lock(mutex_);
+    RecordedRequest recorded;
+    recorded.method = request.method;
+    recorded.path = request.path;
+    for (const auto& [name, value] : request.headers) recorded.headers.emplace(name, value);
+    recorded.body = request.body;
+    requests_.push_back(std::move(recorded));
+    handler = handler_;
+  }
+  if (handler) {
+    handler(request, response);
+  } else {
+    response.status = 404;
+  }
+}
+
+}  // namespace pactivo::testing

@@ -1,0 +1,63 @@
+// An HTTP server on 127.0.0.1 whose every answer the test scripts, and which
+// records every request it receives.
+#ifndef PACTIVO_TESTS_SUPPORT_TEST_SERVER_H_
+#define PACTIVO_TESTS_SUPPORT_TEST_SERVER_H_
+
+#include <httplib.h>
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace pactivo::testing {
+
+struct RecordedRequest {
+  std::string method;
+  std::string path;
+  std::multimap<std::string, std::string> headers;  // as httplib reports them
+  std::string body;
+
+  // The value of header `name` (any letter case), or "" when absent.
+  std::string header(const std::string& name) const;
+  bool hasHeader(const std::string& name) const;
+};
+
+class TestServer {
+ public:
+  // Answers a request; the default answers 404.
+  using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
+
+  TestServer();
+  ~TestServer();
+  TestServer(const TestServer&) = delete;
+  TestServer& operator=(const TestServer&) = delete;
+
+  // "http://127.0.0.1:PORT/".
+  std::string baseUrl() const;
+  int port() const { return port_; }
+
+  void setHandler(Handler handler);
+  // Serves `body` with `status` (and an ETag when given) for every request.
+  void respond(int status, std::string body, std::string etag = "");
+
+  std::vector<RecordedRequest> requests() const;
+  std::size_t requestCount() const;
+  void clearRequests();
+
+ private:
+  void handle(const httplib::Request& request, httplib::Response& response);
+
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread thread_;
+  mutable std::mutex mutex_;
+  Handler handler_;                        // guarded by mutex_
+  std::vector<RecordedRequest> requests_;  // guarded by mutex_
+};
+
+}  // namespace pactivo::testing
+
+#endif  // PACTIVO_TESTS_SUPPORT_TEST_SERVER_H_
