@@ -58,7 +58,11 @@ class RawSqlite {
 void BM_RawUpsert(benchmark::State& state) {
   testing::TempDir dir;
   RawSqlite raw(dir.path());
-  for (auto _ : state) raw.upsert("12", "granted");
+  bool flip = false;
+  for (auto _ : state) {
+    raw.upsert("12", flip ? "granted" : "declined");
+    flip = !flip;
+  }
 }
 BENCHMARK(BM_RawUpsert)->Repetitions(5)->ReportAggregatesOnly(true);
 

@@ -1,5 +1,12 @@
 #include "persistence/preference_store.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <sys/stat.h>
+
+#include <atomic>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -165,6 +172,7 @@ PreferenceStore::PreferenceStore(sqlite3* db, std::filesystem::path path)
     : db_(db), path_(std::move(path)) {}
 
 PreferenceStore::~PreferenceStore() {
+  if (walIndex_ != nullptr) munmap(const_cast<unsigned char*>(walIndex_), walIndexMapping_);
   for (sqlite3_stmt* stmt : {upsert_, delete_, selectAll_, dataVersion_}) sqlite3_finalize(stmt);
   sqlite3_close_v2(db_);
 }
@@ -199,6 +207,7 @@ int PreferenceStore::initialise(std::string* error) {
   std::lock_guard lock(mutex_);
   knownDataVersion_ = dataVersion();
   int code = loadAll();
+  if (code == SQLITE_OK) mapWalIndex();
   if (code != SQLITE_OK) *error = sqliteError(db_, code);
   return code;
 }
@@ -251,11 +260,43 @@ int64_t PreferenceStore::dataVersion() {
   return version;
 }
 
+void PreferenceStore::mapWalIndex() {
+  // The file exists while this connection is open in WAL mode, and SQLite
+  // only truncates it when no connection has it open, so the mapping stays
+  // valid until the destructor.
+  std::string shm = path_.string() + "-shm";
+  int fd = ::open(shm.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return;
+  struct stat info {};
+  long page = sysconf(_SC_PAGESIZE);
+  if (::fstat(fd, &info) == 0 && info.st_size >= page) {
+    void* mapping = mmap(nullptr, static_cast<std::size_t>(page), PROT_READ, MAP_SHARED, fd, 0);
+    if (mapping != MAP_FAILED) {
+      walIndex_ = static_cast<const unsigned char*>(mapping);
+      walIndexMapping_ = static_cast<std::size_t>(page);
+    }
+  }
+  ::close(fd);
+}
+
 void PreferenceStore::refreshIfChanged() {
+  std::array<unsigned char, kWalIndexHeaderSize> header{};
+  if (walIndex_ != nullptr) {
+    std::atomic_thread_fence(std::memory_order_acquire);
+    for (std::size_t i = 0; i < header.size(); ++i) {
+      header[i] = __atomic_load_n(walIndex_ + i, __ATOMIC_RELAXED);
+    }
+    if (headerConfirmed_ && header == confirmedHeader_) return;
+  }
+  // The header is taken before asking SQLite: a commit in between changes it
+  // again, so the next read asks once more.
   int64_t version = dataVersion();
-  if (version == knownDataVersion_) return;
-  knownDataVersion_ = version;
-  loadAll();
+  if (version != knownDataVersion_) {
+    knownDataVersion_ = version;
+    loadAll();
+  }
+  confirmedHeader_ = header;
+  headerConfirmed_ = walIndex_ != nullptr;
 }
 
 int PreferenceStore::loadAll() {

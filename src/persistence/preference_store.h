@@ -4,6 +4,7 @@
 
 #include <sqlite3.h>
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -81,9 +82,18 @@ class PreferenceStore {
   void refreshIfChanged();
   int loadAll();
   int64_t dataVersion();
+  void mapWalIndex();
 
   sqlite3* const db_;
   const std::filesystem::path path_;
+
+  // The first header of the WAL index ("-shm" file), mapped read-only. Every
+  // commit, from any connection, rewrites it, so an unchanged header proves
+  // that nothing was committed without asking SQLite (whose read transaction
+  // costs several lock system calls). Null when it could not be mapped.
+  static constexpr std::size_t kWalIndexHeaderSize = 48;
+  const unsigned char* walIndex_ = nullptr;
+  std::size_t walIndexMapping_ = 0;
 
   std::mutex mutex_;
   // State below is guarded by mutex_.
@@ -92,6 +102,9 @@ class PreferenceStore {
   sqlite3_stmt* selectAll_ = nullptr;
   sqlite3_stmt* dataVersion_ = nullptr;
   int64_t knownDataVersion_ = -1;
+  // The WAL-index header when knownDataVersion_ was last confirmed.
+  std::array<unsigned char, kWalIndexHeaderSize> confirmedHeader_{};
+  bool headerConfirmed_ = false;
   Rows rows_;
 };
 
