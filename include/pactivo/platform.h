@@ -19,6 +19,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -70,6 +71,50 @@ class PACTIVO_EXPORT Platform {
 
   // Wall-clock time: consent timestamps and cache freshness derive from it.
   virtual std::chrono::system_clock::time_point now() const = 0;
+
+  // ---- Permission probes ----
+  //
+  // Each returns the platform's integer status for one device permission, or
+  // nullopt when the facility does not exist here (the library then reports
+  // the permission as not determined). The defaults report every facility as
+  // absent. A probe may throw; the library logs the error and reads the
+  // permission as not determined.
+
+  // Location: 0 not determined, 1 restricted, 2 denied, 3 always, 4 when in use.
+  virtual std::optional<int> locationAuthorizationStatus() const;
+  // Camera (video) and microphone (audio): 0 not determined, 1 restricted,
+  // 2 denied, 3 authorized.
+  virtual std::optional<int> cameraAuthorizationStatus() const;
+  virtual std::optional<int> microphoneAuthorizationStatus() const;
+  // Photo library, full and add-only: as the camera, plus 4 limited.
+  virtual std::optional<int> photoLibraryAuthorizationStatus() const;
+  virtual std::optional<int> photoLibraryAddOnlyAuthorizationStatus() const;
+  // Voice assistant: as the camera.
+  virtual std::optional<int> siriAuthorizationStatus() const;
+  // Health data: non-zero when the device has health data at all.
+  virtual std::optional<int> healthDataAvailability() const;
+  // Bluetooth: 0 not determined, 1 restricted, 2 denied, 3 allowed always.
+  virtual std::optional<int> bluetoothAuthorization() const;
+  // Speech recognition: 0 not determined, 1 denied, 2 restricted, 3 authorized.
+  virtual std::optional<int> speechRecognitionAuthorizationStatus() const;
+  // Home automation: an integer status.
+  virtual std::optional<int> homeKitAuthorizationStatus() const;
+  // Notifications, asked asynchronously: calls `completion` with 0 not
+  // determined, 1 denied, 2 authorized, 3 provisional or 4 ephemeral, on any
+  // thread, at any later time or never. The library never waits for it.
+  virtual void requestNotificationAuthorizationStatus(std::function<void(int)> completion) const;
+
+  // ---- Host integration ----
+
+  // A boolean of the host's own (standard) preference store, which the
+  // library reads but never writes; false when absent.
+  virtual bool standardPreferenceBool(const std::string& key) const;
+
+  // Receives Google Consent Mode signals ("analytics_storage" -> "granted" or
+  // "denied", ...). Empty by default: the library then looks for Firebase
+  // Analytics' C++ SDK in the process.
+  using ConsentModeHandler = std::function<void(const std::map<std::string, std::string>&)>;
+  virtual ConsentModeHandler consentModeHandler() const;
 };
 
 // The default platform of a plain Linux program.
@@ -91,6 +136,8 @@ class PACTIVO_EXPORT LinuxPlatform : public Platform {
     std::string applicationName;          // default: the program's name
     std::filesystem::path dataDirectory;  // default: see above
     std::vector<std::pair<std::string, std::string>> infoDictionary;
+    // Where Google Consent Mode signals go; see Platform::consentModeHandler.
+    ConsentModeHandler consentModeHandler;
   };
 
   LinuxPlatform();
@@ -106,6 +153,7 @@ class PACTIVO_EXPORT LinuxPlatform : public Platform {
   void runOnMainThread(const std::function<void()>& work) override;
   std::string localizedString(const std::string& key, const std::string& comment) const override;
   std::chrono::system_clock::time_point now() const override;
+  ConsentModeHandler consentModeHandler() const override;
 
  private:
   const Settings settings_;

@@ -316,6 +316,7 @@ int PreferenceStore::loadAll() {
 }
 
 bool PreferenceStore::put(std::string_view key, PreferenceValue value, std::string* error) {
+  operations_.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard lock(mutex_);
   refreshIfChanged();
   sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
@@ -338,6 +339,7 @@ bool PreferenceStore::put(std::string_view key, PreferenceValue value, std::stri
 }
 
 bool PreferenceStore::remove(std::string_view key, std::string* error) {
+  operations_.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard lock(mutex_);
   refreshIfChanged();
   sqlite3_bind_text(delete_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);

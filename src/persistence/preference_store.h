@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -50,6 +51,7 @@ class PreferenceStore {
   // locked; the pointer is valid only during the call.
   template <typename Reader>
   auto read(std::string_view key, Reader&& reader) {
+    operations_.fetch_add(1, std::memory_order_relaxed);
     std::lock_guard lock(mutex_);
     refreshIfChanged();
     auto it = rows_.find(key);
@@ -65,6 +67,9 @@ class PreferenceStore {
   std::vector<PreferenceEntry> entries();
 
   const std::filesystem::path& path() const { return path_; }
+
+  // Reads and writes served since the store was opened; for measurements.
+  std::uint64_t operationCount() const { return operations_.load(std::memory_order_relaxed); }
 
  private:
   struct TransparentHash {
@@ -86,6 +91,7 @@ class PreferenceStore {
 
   sqlite3* const db_;
   const std::filesystem::path path_;
+  std::atomic<std::uint64_t> operations_{0};
 
   // The first header of the WAL index ("-shm" file), mapped read-only. Every
   // commit, from any connection, rewrites it, so an unchanged header proves

@@ -118,4 +118,8 @@ std::chrono::system_clock::time_point LinuxPlatform::now() const {
   return std::chrono::system_clock::now();
 }
 
+Platform::ConsentModeHandler LinuxPlatform::consentModeHandler() const {
+  return settings_.consentModeHandler;
+}
+
 }  // namespace pactivo

@@ -24,6 +24,20 @@ PlatformSlot& slot() {
 
 Platform::~Platform() = default;
 
+std::optional<int> Platform::locationAuthorizationStatus() const { return std::nullopt; }
+std::optional<int> Platform::cameraAuthorizationStatus() const { return std::nullopt; }
+std::optional<int> Platform::microphoneAuthorizationStatus() const { return std::nullopt; }
+std::optional<int> Platform::photoLibraryAuthorizationStatus() const { return std::nullopt; }
+std::optional<int> Platform::photoLibraryAddOnlyAuthorizationStatus() const { return std::nullopt; }
+std::optional<int> Platform::siriAuthorizationStatus() const { return std::nullopt; }
+std::optional<int> Platform::healthDataAvailability() const { return std::nullopt; }
+std::optional<int> Platform::bluetoothAuthorization() const { return std::nullopt; }
+std::optional<int> Platform::speechRecognitionAuthorizationStatus() const { return std::nullopt; }
+std::optional<int> Platform::homeKitAuthorizationStatus() const { return std::nullopt; }
+void Platform::requestNotificationAuthorizationStatus(std::function<void(int)>) const {}
+bool Platform::standardPreferenceBool(const std::string&) const { return false; }
+Platform::ConsentModeHandler Platform::consentModeHandler() const { return {}; }
+
 void installPlatform(std::shared_ptr<Platform> platform) {
   if (!platform) platform = std::make_shared<LinuxPlatform>();
   std::shared_ptr<Platform> previous;

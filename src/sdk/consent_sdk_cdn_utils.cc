@@ -11,6 +11,7 @@
 #include "pactivo/logger.h"
 #include "pactivo/platform.h"
 #include "pactivo/user_default_manager.h"
+#include "platform/time.h"
 #include "sdk/consent_sdk_impl.h"
 
 namespace pactivo {
@@ -23,12 +24,6 @@ constexpr std::int64_t kFreshnessLimitSeconds = 3601;
 constexpr std::int64_t kDefaultDocumentVersion = 1;
 
 std::string fileUrl(const std::filesystem::path& path) { return "file://" + path.string(); }
-
-std::int64_t nowSeconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             currentPlatform()->now().time_since_epoch())
-      .count();
-}
 
 void log(const std::string& message, LogLevel level, std::string_view function,
          SourceLocation location = SourceLocation::current()) {
@@ -170,7 +165,7 @@ void ConsentSDK::Impl::saveCDNToFile(const MainConfiguration& config, const std:
     }
     if (std::filesystem::exists(backup, ec)) removeCDNFile(backup);
     UserDefaultManager::setString(keys::kCdnFileLocation, fileUrl(target));
-    UserDefaultManager::setInt64(keys::kCdnCachedTimestamp, nowSeconds());
+    UserDefaultManager::setInt64(keys::kCdnCachedTimestamp, detail::currentTimeSeconds());
     UserDefaultManager::setString(keys::kLanguageCode, LocaleUtils::currentLanguageCode());
     log("CDN saved at: " + fileUrl(target), LogLevel::debug, kFunction);
     return;
@@ -189,7 +184,7 @@ void ConsentSDK::Impl::saveCDNToFile(const MainConfiguration& config, const std:
 std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
   constexpr std::string_view kFunction = "getCDNFile()";
   std::shared_ptr<const MainConfiguration> result = readCDNFile(true);
-  const std::int64_t now = nowSeconds();
+  const std::int64_t now = detail::currentTimeSeconds();
   const std::int64_t stamp = UserDefaultManager::getInt64(keys::kCdnCachedTimestamp, now);
   const std::optional<ConsentSDKOptions> options = this->options();
 

@@ -80,6 +80,97 @@ std::chrono::system_clock::time_point FakePlatform::now() const {
   return std::chrono::system_clock::time_point(std::chrono::seconds(now_.load()));
 }
 
+std::optional<int> FakePlatform::probe(const std::string& name) const {
+  std::lock_guard lock(mutex_);
+  if (!probeFailure_.empty()) throw std::runtime_error(probeFailure_);
+  auto it = probes_.find(name);
+  return it == probes_.end() ? std::nullopt : it->second;
+}
+
+std::optional<int> FakePlatform::locationAuthorizationStatus() const {
+  return probe("locationAuthorizationStatus");
+}
+std::optional<int> FakePlatform::cameraAuthorizationStatus() const {
+  return probe("cameraAuthorizationStatus");
+}
+std::optional<int> FakePlatform::microphoneAuthorizationStatus() const {
+  return probe("microphoneAuthorizationStatus");
+}
+std::optional<int> FakePlatform::photoLibraryAuthorizationStatus() const {
+  return probe("photoLibraryAuthorizationStatus");
+}
+std::optional<int> FakePlatform::photoLibraryAddOnlyAuthorizationStatus() const {
+  return probe("photoLibraryAddOnlyAuthorizationStatus");
+}
+std::optional<int> FakePlatform::siriAuthorizationStatus() const {
+  return probe("siriAuthorizationStatus");
+}
+std::optional<int> FakePlatform::healthDataAvailability() const {
+  return probe("healthDataAvailability");
+}
+std::optional<int> FakePlatform::bluetoothAuthorization() const {
+  return probe("bluetoothAuthorization");
+}
+std::optional<int> FakePlatform::speechRecognitionAuthorizationStatus() const {
+  return probe("speechRecognitionAuthorizationStatus");
+}
+std::optional<int> FakePlatform::homeKitAuthorizationStatus() const {
+  return probe("homeKitAuthorizationStatus");
+}
+
+void FakePlatform::requestNotificationAuthorizationStatus(
+    std::function<void(int)> completion) const {
+  std::optional<int> status;
+  bool immediate;
+  {
+    std::lock_guard lock(mutex_);
+    status = notificationStatus_;
+    immediate = notificationImmediate_;
+  }
+  if (!status) return;
+  if (immediate) {
+    completion(*status);
+  } else {
+    std::thread([completion = std::move(completion), value = *status] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      completion(value);
+    }).detach();
+  }
+}
+
+bool FakePlatform::standardPreferenceBool(const std::string& key) const {
+  std::lock_guard lock(mutex_);
+  auto it = standardPreferences_.find(key);
+  return it != standardPreferences_.end() && it->second;
+}
+
+Platform::ConsentModeHandler FakePlatform::consentModeHandler() const {
+  std::lock_guard lock(mutex_);
+  return consentModeHandler_;
+}
+
+void FakePlatform::setProbe(const std::string& name, std::optional<int> value) {
+  std::lock_guard lock(mutex_);
+  probes_[name] = value;
+}
+void FakePlatform::setProbeFailure(std::string message) {
+  std::lock_guard lock(mutex_);
+  probeFailure_ = std::move(message);
+}
+void FakePlatform::setNotificationStatus(std::optional<int> status, bool immediate) {
+  std::lock_guard lock(mutex_);
+  notificationStatus_ = status;
+  notificationImmediate_ = immediate;
+}
+void FakePlatform::setStandardPreference(std::string key, bool value) {
+  std::lock_guard lock(mutex_);
+  standardPreferences_[std::move(key)] = value;
+}
+void FakePlatform::setConsentModeHandler(ConsentModeHandler handler) {
+  std::lock_guard lock(mutex_);
+  consentModeHandler_ = std::move(handler);
+}
+
 void FakePlatform::setPreferredLanguages(std::vector<std::string> languages) {
   std::lock_guard lock(mutex_);
   languages_ = std::move(languages);

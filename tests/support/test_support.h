@@ -48,6 +48,31 @@ class FakePlatform : public Platform {
   std::string localizedString(const std::string& key, const std::string& comment) const override;
   std::chrono::system_clock::time_point now() const override;
 
+  std::optional<int> locationAuthorizationStatus() const override;
+  std::optional<int> cameraAuthorizationStatus() const override;
+  std::optional<int> microphoneAuthorizationStatus() const override;
+  std::optional<int> photoLibraryAuthorizationStatus() const override;
+  std::optional<int> photoLibraryAddOnlyAuthorizationStatus() const override;
+  std::optional<int> siriAuthorizationStatus() const override;
+  std::optional<int> healthDataAvailability() const override;
+  std::optional<int> bluetoothAuthorization() const override;
+  std::optional<int> speechRecognitionAuthorizationStatus() const override;
+  std::optional<int> homeKitAuthorizationStatus() const override;
+  void requestNotificationAuthorizationStatus(std::function<void(int)> completion) const override;
+  bool standardPreferenceBool(const std::string& key) const override;
+  ConsentModeHandler consentModeHandler() const override;
+
+  // The answer of the probe named like its method ("cameraAuthorizationStatus");
+  // nullopt (the default) reports the facility as absent.
+  void setProbe(const std::string& name, std::optional<int> value);
+  // Makes every probe throw std::runtime_error(message); empty stops it.
+  void setProbeFailure(std::string message);
+  // The notification probe's answer, given to the completion before the
+  // request returns when `immediate`, else on another thread later.
+  void setNotificationStatus(std::optional<int> status, bool immediate);
+  void setStandardPreference(std::string key, bool value);
+  void setConsentModeHandler(ConsentModeHandler handler);
+
   void setPreferredLanguages(std::vector<std::string> languages);
   void setDeviceName(std::string name);
   void setAdvertisingIdentifier(std::string id);
@@ -72,6 +97,14 @@ class FakePlatform : public Platform {
   std::map<std::string, std::string> translations_;
   std::atomic<std::int64_t> now_{1700000000};
   std::atomic<int> mainThreadCalls_{0};
+  std::map<std::string, std::optional<int>> probes_;
+  std::string probeFailure_;
+  std::optional<int> notificationStatus_;
+  bool notificationImmediate_ = false;
+  std::map<std::string, bool> standardPreferences_;
+  ConsentModeHandler consentModeHandler_;
+
+  std::optional<int> probe(const std::string& name) const;
 };
 
 // Installs a FakePlatform over a fresh directory for the lifetime of the

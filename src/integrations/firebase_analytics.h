@@ -1,0 +1,20 @@
+// Firebase Analytics' C++ SDK, found at run time in the host process.
+#ifndef PACTIVO_SRC_INTEGRATIONS_FIREBASE_ANALYTICS_H_
+#define PACTIVO_SRC_INTEGRATIONS_FIREBASE_ANALYTICS_H_
+
+#include <map>
+
+#include "pactivo/enums.h"
+
+namespace pactivo::detail {
+
+class FirebaseAnalytics {
+ public:
+  // Calls firebase::analytics::SetConsent with `consent` when the process
+  // carries Firebase Analytics; returns false when it does not.
+  static bool setConsent(const std::map<GoogleConsentType, bool>& consent);
+};
+
+}  // namespace pactivo::detail
+
+#endif  // PACTIVO_SRC_INTEGRATIONS_FIREBASE_ANALYTICS_H_

@@ -1,0 +1,62 @@
+// PurposeManager: the consent of each processing purpose of a document.
+#ifndef PACTIVO_SRC_PURPOSES_PURPOSE_MANAGER_H_
+#define PACTIVO_SRC_PURPOSES_PURPOSE_MANAGER_H_
+
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "pactivo/configuration.h"
+#include "pactivo/consent_records.h"
+
+namespace pactivo::detail {
+
+// Made from one document for one evaluation; every lasting value lives in the
+// preference store. Reads the document's purposes in place, so the document
+// must outlive the manager. Not shared between threads; two managers may run
+// at once.
+class PurposeManager {
+ public:
+  PurposeManager(const std::optional<std::vector<Purpose>>& purposes,
+                 std::optional<bool> isATTEnabled, std::optional<ATTConfig> attConfig);
+  // The purposes are not copied: a temporary list would not outlive the call.
+  PurposeManager(std::optional<std::vector<Purpose>>&&, std::optional<bool>,
+                 std::optional<ATTConfig>) = delete;
+
+  struct CheckResult {
+    bool changed = false;
+    std::vector<PurposeConsent> consents;  // to report
+  };
+  // Re-evaluates tracking-mapped purposes, records what tracking
+  // authorization changed, and collects the pending purposes to report.
+  CheckResult checkPurposes();
+
+  // The purposes with their current consent, essential ones first, then
+  // tracking-mapped ones, then the rest, each group by localized name.
+  std::vector<Purpose> getPurposes();
+
+  // Records a choice. Refuses (false) a purpose without id, anything but
+  // `granted` for an essential purpose, and `notDetermined`. Taking back a
+  // granted consent is stored as `withDrawn`.
+  bool updatePurposeConsent(const Purpose& purpose, ConsentStatus consent,
+                            std::string_view consentGivenType);
+
+ private:
+  struct Evaluation {
+    ConsentStatus storedOrDefault;
+    ConsentStatus current;
+    bool trackingMapped = false;
+  };
+  Evaluation currentConsent(const Purpose& purpose) const;
+  // A copy of `purpose` with its consent and tracking fields filled in.
+  Purpose evaluatedCopy(const Purpose& purpose) const;
+
+  const std::vector<Purpose>* const purposes_;  // null when the document has none
+  const std::optional<bool> isATTEnabled_;
+  const std::optional<ATTConfig> attConfig_;
+};
+
+}  // namespace pactivo::detail
+
+#endif  // PACTIVO_SRC_PURPOSES_PURPOSE_MANAGER_H_
