@@ -172,9 +172,10 @@ PreferenceStore::PreferenceStore(sqlite3* db, std::filesystem::path path)
     : db_(db), path_(std::move(path)) {}
 
 PreferenceStore::~PreferenceStore() {
-  if (walIndex_ != nullptr) munmap(const_cast<unsigned char*>(walIndex_), walIndexMapping_);
   for (sqlite3_stmt* stmt : {upsert_, delete_, selectAll_, dataVersion_}) sqlite3_finalize(stmt);
   sqlite3_close_v2(db_);
+  if (walIndex_ != nullptr) munmap(const_cast<unsigned char*>(walIndex_), walIndexMapping_);
+  if (walIndexFd_ >= 0) ::close(walIndexFd_);
 }
 
 int PreferenceStore::initialise(std::string* error) {
@@ -262,8 +263,9 @@ int64_t PreferenceStore::dataVersion() {
 
 void PreferenceStore::mapWalIndex() {
   // The file exists while this connection is open in WAL mode, and SQLite
-  // only truncates it when no connection has it open, so the mapping stays
-  // valid until the destructor.
+  // truncates it only when no connection anywhere has it open (this one holds
+  // a shared lock on it until closed), so the mapping stays valid until the
+  // destructor.
   std::string shm = path_.string() + "-shm";
   int fd = ::open(shm.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return;
@@ -276,7 +278,7 @@ void PreferenceStore::mapWalIndex() {
       walIndexMapping_ = static_cast<std::size_t>(page);
     }
   }
-  ::close(fd);
+  walIndexFd_ = fd;
 }
 
 void PreferenceStore::refreshIfChanged() {

@@ -100,6 +100,9 @@ class PreferenceStore {
   static constexpr std::size_t kWalIndexHeaderSize = 48;
   const unsigned char* walIndex_ = nullptr;
   std::size_t walIndexMapping_ = 0;
+  // Kept open until the connection is closed: closing any descriptor of a
+  // file drops every POSIX lock the process holds on it, SQLite's included.
+  int walIndexFd_ = -1;
 
   std::mutex mutex_;
   // State below is guarded by mutex_.
