@@ -1,8 +1,10 @@
 // Against a real content server: nginx makes the ETags and answers
 // If-None-Match with 304 by itself.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -67,6 +69,11 @@ class Nginx {
         << "}\n";
     pid_ = fork();
     if (pid_ == 0) {
+      // nginx must not outlive a test that crashes, nor hold its output.
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      int devnull = open("/dev/null", O_RDWR);
+      dup2(devnull, STDOUT_FILENO);
+      dup2(devnull, STDERR_FILENO);
       execl("/usr/sbin/nginx", "nginx", "-p", dir.c_str(), "-c", (dir / "nginx.conf").c_str(), "-g",
             "daemon off; master_process off;", static_cast<char*>(nullptr));
       _exit(127);

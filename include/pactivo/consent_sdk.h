@@ -6,17 +6,31 @@
 // thread yourself if you need one. No callback runs while a library lock is
 // held, and no member throws.
 //
+// Blocking: the queries that need the configuration document
+// (getPurposeConsents(), getBannerConfig(), ...) may fetch it, and
+// uploadConsents() always talks to the server: they can wait on the network
+// for up to a minute and must not be called on a UI thread. Each has a
+// variant taking a callback, which runs the query on a library thread and
+// calls back there.
+//
 // Lifetime: ConsentSDK::shared() lives until the program exits. Destroying an
 // instance cancels its background work and joins every thread it started.
 #ifndef PACTIVO_CONSENT_SDK_H_
 #define PACTIVO_CONSENT_SDK_H_
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
+#include "pactivo/configuration.h"
+#include "pactivo/consent_records.h"
 #include "pactivo/enums.h"
 #include "pactivo/export.h"
+#include "pactivo/lumari_key.h"
 #include "pactivo/options.h"
 
 namespace pactivo {
@@ -56,6 +70,56 @@ class PACTIVO_EXPORT ConsentSDK {
 
   // The options of the last setup, if any.
   std::optional<ConsentSDKOptions> options() const;
+
+  // ---- Consent state (reads the preference suite; never blocks) ----
+
+  // Removes every stored consent, the subject identity and the cache
+  // bookkeeping.
+  void removeConsents();
+  // The stored consent of a purpose, or the compliance default (declined
+  // under opt-in, granted otherwise) when none is stored.
+  ConsentStatus get(std::int64_t purposeId);
+  // The consent the platform reports for a device permission.
+  ConsentStatus get(const LumariKey& lumariKey);
+  // The same for a fixed key; without it, get(LumariKey::cameraUsageDescription)
+  // would convert the enumerator to an integer and read purpose 3.
+  ConsentStatus get(LumariKey::Case lumariKey) { return get(LumariKey(lumariKey)); }
+  // Records the user's choice for a purpose; false when refused (no id, an
+  // essential purpose declined, or notDetermined). Also forwards Google
+  // Consent Mode signals in the background.
+  bool set(const Purpose& purpose, ConsentStatus consent);
+  // Records the user's choice for a permission; false unless it is what the
+  // platform reports.
+  bool set(const AppPermission& permission, ConsentStatus consent);
+
+  // ---- Queries on the configuration document (may block; see above) ----
+
+  // The purposes with their consent: essential ones first, then those tied to
+  // tracking, then the rest, each group by name. Empty without a document.
+  std::vector<Purpose> getPurposeConsents();
+  // The configured permissions with their consent, by name.
+  std::vector<AppPermission> getPermissionConsents();
+  std::optional<GcmConfig> getGCMConfig();
+  std::optional<SettingsPrompt> getSettingsPrompt();
+  // The Google Consent Mode decision for the user's location; empty when the
+  // document does not enable it.
+  std::map<GoogleConsentType, ConsentStatus> getGCMConsents();
+  // The banner category for the user's location (looked up when the host
+  // gave none and none was found in the last hour), else the "default" one.
+  // Uses `config` when given, else the current document.
+  std::optional<BannerConfig> getBannerConfig(const std::optional<MainConfiguration>& config);
+  // Posts a consent record to `url` (the application server's base URL) and
+  // keeps the pending-upload flag.
+  void uploadConsents(const std::string& url, const PostConsentsRequest& request);
+
+  // The same queries, run on a library thread; `done` is called there.
+  void getPurposeConsents(std::function<void(std::vector<Purpose>)> done);
+  void getPermissionConsents(std::function<void(std::vector<AppPermission>)> done);
+  void getGCMConsents(std::function<void(std::map<GoogleConsentType, ConsentStatus>)> done);
+  void getBannerConfig(const std::optional<MainConfiguration>& config,
+                       std::function<void(std::optional<BannerConfig>)> done);
+  void uploadConsents(const std::string& url, const PostConsentsRequest& request,
+                      std::function<void()> done);
 
   class Impl;
 

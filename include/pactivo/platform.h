@@ -29,6 +29,25 @@
 
 namespace pactivo {
 
+// Reachability of the network, as a path monitor reports it.
+enum class NetworkPathStatus {
+  satisfied,           // a usable route to the network exists
+  unsatisfied,         // no usable route
+  requiresConnection,  // usable once a connection is brought up (on demand)
+};
+
+// Watches network reachability. Made by the platform, owned by the facade.
+class PACTIVO_EXPORT NetworkPathMonitor {
+ public:
+  virtual ~NetworkPathMonitor();
+  // Starts calling `handler` with the current status and then with each
+  // change, one call at a time on the monitor's own thread. Called once.
+  virtual void start(std::function<void(NetworkPathStatus)> handler) = 0;
+  // Stops the updates; when it returns no handler call is running or will
+  // run. Called from any thread but the monitor's own.
+  virtual void cancel() = 0;
+};
+
 class PACTIVO_EXPORT Platform {
  public:
   virtual ~Platform();
@@ -115,6 +134,10 @@ class PACTIVO_EXPORT Platform {
   // Analytics' C++ SDK in the process.
   using ConsentModeHandler = std::function<void(const std::map<std::string, std::string>&)>;
   virtual ConsentModeHandler consentModeHandler() const;
+
+  // A new, not yet started, monitor of network reachability; null when the
+  // platform cannot watch the network.
+  virtual std::unique_ptr<NetworkPathMonitor> makeNetworkPathMonitor() const;
 };
 
 // The default platform of a plain Linux program.
@@ -154,6 +177,10 @@ class PACTIVO_EXPORT LinuxPlatform : public Platform {
   std::string localizedString(const std::string& key, const std::string& comment) const override;
   std::chrono::system_clock::time_point now() const override;
   ConsentModeHandler consentModeHandler() const override;
+  // Watches the kernel's routing tables over a netlink socket: satisfied
+  // while a non-loopback interface is up with an address and a default route
+  // exists.
+  std::unique_ptr<NetworkPathMonitor> makeNetworkPathMonitor() const override;
 
  private:
   const Settings settings_;

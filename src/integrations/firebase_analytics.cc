@@ -2,20 +2,30 @@
 
 #include <dlfcn.h>
 
+// Firebase Analytics' own enumerations, as its C++ SDK declares them: the
+// function found at run time is called with exactly its parameter type.
+namespace firebase::analytics {
+enum ConsentType {
+  kConsentTypeAdStorage = 0,
+  kConsentTypeAnalyticsStorage,
+  kConsentTypeAdUserData,
+  kConsentTypeAdPersonalization
+};
+enum ConsentStatus { kConsentStatusGranted = 0, kConsentStatusDenied };
+}  // namespace firebase::analytics
+
 namespace pactivo::detail {
 namespace {
 
-// Firebase's own enumerations, with its values: a std::map of these has the
-// layout of the map its SetConsent takes.
-enum FirebaseConsentType : int {
-  kConsentTypeAdStorage = 0,
-  kConsentTypeAnalyticsStorage = 1,
-  kConsentTypeAdUserData = 2,
-  kConsentTypeAdPersonalization = 3,
-};
-enum FirebaseConsentStatus : int { kConsentStatusGranted = 0, kConsentStatusDenied = 1 };
-
-using FirebaseConsent = std::map<FirebaseConsentType, FirebaseConsentStatus>;
+using firebase::analytics::kConsentStatusDenied;
+using firebase::analytics::kConsentStatusGranted;
+using firebase::analytics::kConsentTypeAdPersonalization;
+using firebase::analytics::kConsentTypeAdStorage;
+using firebase::analytics::kConsentTypeAdUserData;
+using firebase::analytics::kConsentTypeAnalyticsStorage;
+using FirebaseConsentType = firebase::analytics::ConsentType;
+using FirebaseConsent =
+    std::map<firebase::analytics::ConsentType, firebase::analytics::ConsentStatus>;
 using SetConsentFunction = void (*)(const FirebaseConsent&);
 
 // firebase::analytics::SetConsent(

@@ -39,8 +39,8 @@ class PermissionManager {
   static ConsentStatus getConsentByPermission(const LumariKey& key);
 
   // Records `consent` only when it is what the platform reports.
-  bool updatePermissionConsent(const AppPermission& permission, ConsentStatus consent,
-                               std::string_view consentGivenType);
+  static bool updatePermissionConsent(const AppPermission& permission, ConsentStatus consent,
+                                      std::string_view consentGivenType);
 
  private:
   const std::vector<AppPermission>* const permissions_;  // null when absent

@@ -5,6 +5,7 @@
 #include <fstream>
 
 #include "pactivo/platform.h"
+#include "platform/netlink_path_monitor.h"
 
 #ifndef PACTIVO_VERSION
 #error "PACTIVO_VERSION must be defined by the build"
@@ -120,6 +121,10 @@ std::chrono::system_clock::time_point LinuxPlatform::now() const {
 
 Platform::ConsentModeHandler LinuxPlatform::consentModeHandler() const {
   return settings_.consentModeHandler;
+}
+
+std::unique_ptr<NetworkPathMonitor> LinuxPlatform::makeNetworkPathMonitor() const {
+  return std::make_unique<detail::NetlinkPathMonitor>();
 }
 
 }  // namespace pactivo

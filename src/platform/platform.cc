@@ -37,6 +37,9 @@ std::optional<int> Platform::homeKitAuthorizationStatus() const { return std::nu
 void Platform::requestNotificationAuthorizationStatus(std::function<void(int)>) const {}
 bool Platform::standardPreferenceBool(const std::string&) const { return false; }
 Platform::ConsentModeHandler Platform::consentModeHandler() const { return {}; }
+std::unique_ptr<NetworkPathMonitor> Platform::makeNetworkPathMonitor() const { return nullptr; }
+
+NetworkPathMonitor::~NetworkPathMonitor() = default;
 
 void installPlatform(std::shared_ptr<Platform> platform) {
   if (!platform) platform = std::make_shared<LinuxPlatform>();

@@ -39,8 +39,8 @@ class PurposeManager {
   // Records a choice. Refuses (false) a purpose without id, anything but
   // `granted` for an essential purpose, and `notDetermined`. Taking back a
   // granted consent is stored as `withDrawn`.
-  bool updatePurposeConsent(const Purpose& purpose, ConsentStatus consent,
-                            std::string_view consentGivenType);
+  static bool updatePurposeConsent(const Purpose& purpose, ConsentStatus consent,
+                                   std::string_view consentGivenType);
 
  private:
   struct Evaluation {

@@ -31,6 +31,18 @@ ConsentSDK::Impl::~Impl() {
   std::optional<ConsentSDKOptions> options = this->options();
   // A testing run leaves no consents behind.
   if (options && options->testingMode) UserDefaultManager::removeAllConsents();
+  std::unique_ptr<detail::RepeatingTimer> timer;
+  std::unique_ptr<NetworkPathMonitor> monitor;
+  {
+    std::lock_guard lock(cycleMutex_);
+    closing_ = true;
+    timer = std::move(recurringCheckTask_);
+    monitor = std::move(monitor_);
+  }
+  // The timer and the monitor stop first, so no new task starts; then every
+  // task is cancelled (an HTTP transfer aborts at once) and joined.
+  timer.reset();
+  if (monitor) monitor->cancel();
   tasks_.shutdown();
   removeListeners();
 }
@@ -79,9 +91,15 @@ void ConsentSDK::Impl::setup(const ConsentSDKOptions& options) {
   tasks_.start([this] { runSetupTask(); });
 }
 
-void ConsentSDK::Impl::runSetupTask() { getCDNFile(); }
-
-void ConsentSDK::Impl::startPrefillDefaultValues(std::shared_ptr<const MainConfiguration>, bool) {}
+void ConsentSDK::Impl::runSetupTask() {
+  getCDNFile();
+  // The periodic check starts once the user has answered the banner.
+  if (UserDefaultManager::getString(keys::kConsentGivenType, kConsentNoAction) !=
+      kConsentNoAction) {
+    startRecurringConsentCheck();
+  }
+  startNetworkMonitoring();
+}
 
 void ConsentSDK::Impl::isReady(std::function<void(SDKStatus)> callback) {
   auto shared = std::make_shared<std::function<void(SDKStatus)>>(std::move(callback));

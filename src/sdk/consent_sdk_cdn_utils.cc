@@ -231,7 +231,8 @@ void ConsentSDK::Impl::applyConfiguration(
 
   if (UserDefaultManager::getString(keys::kConsentGivenType, kConsentNoAction) ==
       kConsentNoAction) {
-    startPrefillDefaultValues(document, reConsent);
+    startTask(TaskSlot::prefillDefaultValuesTask,
+              [this, document, reConsent] { prefillDefaultValues(document, reConsent); });
   }
 }
 

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -14,7 +15,9 @@
 #include "network/network_manager.h"
 #include "pactivo/configuration.h"
 #include "pactivo/consent_sdk.h"
+#include "pactivo/platform.h"
 #include "pactivo/sdk_listener.h"
+#include "sdk/scheduler.h"
 #include "sdk/task_runner.h"
 
 namespace pactivo {
@@ -57,6 +60,40 @@ class ConsentSDK::Impl {
   MainConfiguration getCDN(const ConsentSDKOptions& options);
   // Asks the location service where the device is. Throws.
   CurrentLocationResponse fetchCurrentLocation();
+  // Looks the location up and stores country, location and time; logs and
+  // returns false when that fails.
+  bool getCurrentLocation();
+
+  // ---- Check cycle (consent_sdk_internal_methods.cc) ----
+
+  // (Re)arms the repeating consent check; one timer at most is live.
+  void startRecurringConsentCheck();
+  // (Re)creates the network path monitor; a return to the network starts a
+  // consent check.
+  void startNetworkMonitoring();
+  // What a timer tick or a reconnection does: start a consent check.
+  void scheduleConsentCheck();
+  // Re-evaluates purposes and permissions and uploads what changed or is
+  // still pending.
+  void runConsentCheck();
+  // Called with every path the monitor reports.
+  void onNetworkPath(NetworkPathStatus status);
+  // Records the defaults of a user who has not chosen yet, and uploads them.
+  void prefillDefaultValues(const std::shared_ptr<const MainConfiguration>& config, bool flag);
+
+  // ---- Public consent API (consent_sdk_public_methods.cc) ----
+
+  std::optional<BannerConfig> getBannerConfig(const MainConfiguration* config);
+  void uploadConsents(const std::string& url, const PostConsentsRequest& request);
+  std::map<GoogleConsentType, ConsentStatus> getGCMConsents();
+  // The host's location code when given and not empty, else the stored
+  // country code.
+  std::optional<std::string> gcmLocation() const;
+  // Runs `work` on a library thread.
+  void runInBackground(std::function<void()> work) { tasks_.start(std::move(work)); }
+
+  // Drives the recurring check's time in tests; set before setup.
+  void setClock(std::shared_ptr<detail::Clock> clock) { clock_ = std::move(clock); }
 
   // Constant after construction.
   const std::shared_ptr<SDKListener> sdkListener = std::make_shared<SDKListener>();
@@ -64,10 +101,21 @@ class ConsentSDK::Impl {
   const std::unique_ptr<detail::NetworkManager> networkManager =
       std::make_unique<detail::ConsentNetworkManager>();
 
+  // The task slots: each holds the last task of its kind, replaced (never
+  // awaited) when another starts; all are cancelled at teardown.
+  enum class TaskSlot {
+    consentCheckTask,
+    prefillDefaultValuesTask,
+    acceptOrRejectTask,
+    consentCheckInnerTask,
+    uploadConsentTask,
+  };
+  void startTask(TaskSlot slot, std::function<void()> body);
+  void cancelTask(TaskSlot slot);
+
  private:
   void runSetupTask();
   void applyConfiguration(const std::shared_ptr<const MainConfiguration>& document);
-  void startPrefillDefaultValues(std::shared_ptr<const MainConfiguration> config, bool reConsent);
 
   // The last document read from disk and the identity of the file it came
   // from, so that an unchanged file is not parsed again.
@@ -81,6 +129,16 @@ class ConsentSDK::Impl {
              modified.tv_sec == o.modified.tv_sec && modified.tv_nsec == o.modified.tv_nsec;
     }
   };
+  std::shared_ptr<detail::Clock> clock_ = std::make_shared<detail::SteadyClock>();
+
+  std::mutex cycleMutex_;
+  // State below is guarded by cycleMutex_.
+  std::unique_ptr<detail::RepeatingTimer> recurringCheckTask_;
+  std::unique_ptr<NetworkPathMonitor> monitor_;
+  std::optional<NetworkPathStatus> networkStatus_;
+  std::map<TaskSlot, detail::TaskHandle> taskHandles_;
+  bool closing_ = false;  // set by the destructor: nothing new may start
+
   std::mutex cacheMutex_;
   // State below is guarded by cacheMutex_, which also keeps two saves from
   // interleaving their backup moves.

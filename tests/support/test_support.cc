@@ -29,7 +29,7 @@ TempDir::~TempDir() {
 }
 
 FakePlatform::FakePlatform(std::filesystem::path dataDirectory)
-    : dataDirectory_(std::move(dataDirectory)) {}
+    : dataDirectory_(std::move(dataDirectory)), pathChannel_(std::make_shared<PathChannel>()) {}
 
 std::filesystem::path FakePlatform::applicationSupportDirectory() const { return dataDirectory_; }
 
@@ -147,6 +147,79 @@ bool FakePlatform::standardPreferenceBool(const std::string& key) const {
 Platform::ConsentModeHandler FakePlatform::consentModeHandler() const {
   std::lock_guard lock(mutex_);
   return consentModeHandler_;
+}
+
+// What the facade's monitor and the test share: the handler of the monitor
+// that is started and not cancelled.
+struct FakePlatform::PathChannel {
+  std::mutex mutex;
+  std::function<void(NetworkPathStatus)> handler;
+  const void* owner = nullptr;
+};
+
+namespace {
+
+class ScriptedPathMonitor : public NetworkPathMonitor {
+ public:
+  explicit ScriptedPathMonitor(std::shared_ptr<FakePlatform::PathChannel> channel)
+      : channel_(std::move(channel)) {}
+  ~ScriptedPathMonitor() override { cancel(); }
+  void start(std::function<void(NetworkPathStatus)> handler) override {
+    std::lock_guard lock(channel_->mutex);
+    channel_->handler = std::move(handler);
+    channel_->owner = this;
+  }
+  // Only the monitor that listens now stops the listening.
+  void cancel() override {
+    std::lock_guard lock(channel_->mutex);
+    if (channel_->owner != this) return;
+    channel_->handler = nullptr;
+    channel_->owner = nullptr;
+  }
+
+ private:
+  std::shared_ptr<FakePlatform::PathChannel> channel_;
+};
+
+}  // namespace
+
+std::unique_ptr<NetworkPathMonitor> FakePlatform::makeNetworkPathMonitor() const {
+  ++monitorsMade_;
+  return std::make_unique<ScriptedPathMonitor>(pathChannel_);
+}
+
+bool FakePlatform::reportPath(NetworkPathStatus status) {
+  // Delivered under the channel's lock, so cancel() waits for a delivery in
+  // progress, as a real monitor's does.
+  std::lock_guard lock(pathChannel_->mutex);
+  if (!pathChannel_->handler) return false;
+  pathChannel_->handler(status);
+  return true;
+}
+
+ManualClock::TimePoint ManualClock::now() {
+  std::lock_guard lock(mutex_);
+  return now_;
+}
+
+bool ManualClock::sleepUntil(TimePoint deadline, std::stop_token stop) {
+  std::unique_lock lock(mutex_);
+  ++sleepers_;
+  changed_.notify_all();
+  bool reached = changed_.wait(lock, stop, [&] { return now_ >= deadline; });
+  --sleepers_;
+  return reached && !stop.stop_requested();
+}
+
+void ManualClock::advance(std::chrono::seconds by) {
+  std::lock_guard lock(mutex_);
+  now_ += by;
+  changed_.notify_all();
+}
+
+int ManualClock::sleepers() {
+  std::lock_guard lock(mutex_);
+  return sleepers_;
 }
 
 void FakePlatform::setProbe(const std::string& name, std::optional<int> value) {

@@ -5,16 +5,19 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
 #include "pactivo/logger.h"
 #include "pactivo/platform.h"
+#include "sdk/scheduler.h"
 
 namespace pactivo::testing {
 
@@ -61,6 +64,16 @@ class FakePlatform : public Platform {
   void requestNotificationAuthorizationStatus(std::function<void(int)> completion) const override;
   bool standardPreferenceBool(const std::string& key) const override;
   ConsentModeHandler consentModeHandler() const override;
+  // A monitor that reports what the test passes to reportPath().
+  std::unique_ptr<NetworkPathMonitor> makeNetworkPathMonitor() const override;
+
+  // Delivers `status` to the handler of the live monitor, if any; returns
+  // whether one was listening.
+  bool reportPath(NetworkPathStatus status);
+  // How many monitors were made.
+  int monitorsMade() const { return monitorsMade_.load(); }
+
+  struct PathChannel;
 
   // The answer of the probe named like its method ("cameraAuthorizationStatus");
   // nullopt (the default) reports the facility as absent.
@@ -103,8 +116,26 @@ class FakePlatform : public Platform {
   bool notificationImmediate_ = false;
   std::map<std::string, bool> standardPreferences_;
   ConsentModeHandler consentModeHandler_;
+  mutable std::atomic<int> monitorsMade_{0};
+  std::shared_ptr<PathChannel> pathChannel_;
 
   std::optional<int> probe(const std::string& name) const;
+};
+
+// A clock that moves only when the test says so.
+class ManualClock : public detail::Clock {
+ public:
+  TimePoint now() override;
+  bool sleepUntil(TimePoint deadline, std::stop_token stop) override;
+  void advance(std::chrono::seconds by);
+  // How many threads wait on the clock.
+  int sleepers();
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable_any changed_;
+  TimePoint now_{};
+  int sleepers_ = 0;
 };
 
 // Installs a FakePlatform over a fresh directory for the lifetime of the
