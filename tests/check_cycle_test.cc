@@ -273,6 +273,8 @@ TEST_F(CheckCycleTest, RepeatedSetupKeepsOneTimerAndOneMonitor) {
     sdk_->setup(options());
     impl_.waitUntilIdle();
   }
+  EXPECT_TRUE(eventually([&] { return clock_->sleepers() == 1; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_EQ(clock_->sleepers(), 1);
   EXPECT_TRUE(scoped_.platform().reportPath(NetworkPathStatus::satisfied));
   // Only the newest monitor listens: one report reaches one handler.

@@ -11,8 +11,9 @@ bool SteadyClock::sleepUntil(TimePoint deadline, std::stop_token stop) {
 
 RepeatingTimer::RepeatingTimer(Clock& clock, std::chrono::seconds interval,
                                std::function<void()> tick)
-    : thread_([&clock, interval, tick = std::move(tick)](std::stop_token stop) {
-        Clock::TimePoint deadline = clock.now() + interval;
+    // The first deadline is taken now, not when the thread gets to run.
+    : thread_([&clock, interval, deadline = clock.now() + interval,
+               tick = std::move(tick)](std::stop_token stop) mutable {
         while (clock.sleepUntil(deadline, stop)) {
           tick();
           deadline += interval;
