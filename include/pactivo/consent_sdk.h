@@ -111,6 +111,9 @@ class PACTIVO_EXPORT ConsentSDK {
   // Posts a consent record to `url` (the application server's base URL) and
   // keeps the pending-upload flag.
   void uploadConsents(const std::string& url, const PostConsentsRequest& request);
+  // Runs one consent check now, as the timer would, and waits until it and
+  // the upload it starts (if anything changed or is pending) have finished.
+  void checkConsents();
 
   // The same queries, run on a library thread; `done` is called there.
   void getPurposeConsents(std::function<void(std::vector<Purpose>)> done);

@@ -14,12 +14,16 @@
 #ifndef PACTIVO_PACTIVO_H_
 #define PACTIVO_PACTIVO_H_
 
+#include "pactivo/configuration.h"
+#include "pactivo/consent_records.h"
 #include "pactivo/consent_sdk.h"
 #include "pactivo/enums.h"
+#include "pactivo/json.h"
 #include "pactivo/locale_utils.h"
 #include "pactivo/localized_text.h"
 #include "pactivo/logger.h"
 #include "pactivo/lumari_key.h"
+#include "pactivo/network_error.h"
 #include "pactivo/options.h"
 #include "pactivo/platform.h"
 #include "pactivo/sdk_listener.h"

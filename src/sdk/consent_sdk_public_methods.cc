@@ -100,6 +100,11 @@ void ConsentSDK::uploadConsents(const std::string& url, const PostConsentsReques
   impl_->uploadConsents(url, request);
 }
 
+void ConsentSDK::checkConsents() {
+  impl_->runConsentCheck();
+  impl_->waitUntilIdle();
+}
+
 void ConsentSDK::getPurposeConsents(std::function<void(std::vector<Purpose>)> done) {
   impl_->runInBackground([this, done = std::move(done)] { done(getPurposeConsents()); });
 }

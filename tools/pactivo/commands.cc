@@ -1,0 +1,242 @@
+// Commands against a real deployment, and `inspect`.
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "cli.h"
+
+namespace pactivo::cli {
+namespace {
+
+std::atomic<bool> interrupted{false};
+
+void onInterrupt(int) { interrupted = true; }
+
+std::optional<ConsentStatus> parseConsent(const std::string& text) {
+  auto status = fromRawValue<ConsentStatus>(text);
+  if (!status)
+    throw UsageError("a consent is granted, declined, not_determined or withdrawn, not \"" + text +
+                     "\"");
+  return status;
+}
+
+int printStatus(const CommonOptions& options, SDKStatus status) {
+  if (options.json) {
+    std::printf("{\"status\":%d,\"text\":%s}\n", static_cast<int>(status),
+                jsonString(pactivo::status(status)).c_str());
+  } else {
+    std::printf("%s\n", std::string(pactivo::status(status)).c_str());
+  }
+  return status == SDKStatus::available ? 0 : 1;
+}
+
+void printBanner(const CommonOptions& options, const std::optional<BannerConfig>& banner) {
+  const std::string name = banner ? banner->name.value_or("") : "";
+  const std::string compliance =
+      banner && banner->complianceType ? std::string(rawValue(*banner->complianceType)) : "";
+  const std::string interval = banner ? banner->bannerReappearanceTime.value_or("12 month") : "";
+  if (options.json) {
+    if (!banner) {
+      std::printf("null\n");
+      return;
+    }
+    std::printf("{\"name\":%s,\"compliance_type\":%s,\"reappearance\":%s}\n",
+                jsonString(name).c_str(), jsonString(compliance).c_str(),
+                jsonString(interval).c_str());
+  } else if (!banner) {
+    std::printf("no banner applies\n");
+  } else {
+    printTable({"BANNER", "COMPLIANCE", "REAPPEARS"}, {{name, compliance, interval}});
+  }
+}
+
+int watch(ConsentSDK& sdk, const ConsentSDKOptions& sdkOptions) {
+  // Uploads show in the log; everything else of the log stays quiet.
+  SDKLogger::shared().setSink([](std::string_view text) {
+    if (text.find("uploadConsents(url:request:)") != std::string_view::npos ||
+        text.find("[ERROR]") != std::string_view::npos) {
+      std::fwrite(text.data(), 1, text.size(), stdout);
+      std::fflush(stdout);
+    }
+  });
+  std::signal(SIGINT, onInterrupt);
+  std::signal(SIGTERM, onInterrupt);
+  sdk.isReady([](SDKStatus status) {
+    std::printf("readiness: %s\n", std::string(pactivo::status(status)).c_str());
+    std::fflush(stdout);
+  });
+  sdk.setup(sdkOptions);
+  while (!interrupted) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  std::printf("stopping\n");
+  return 0;
+}
+
+}  // namespace
+
+int runDeploymentCommand(const std::string& command, const CommonOptions& options) {
+  installDataDirectory(options);
+  ConsentSDKOptions sdkOptions = libraryOptions(options);
+  ConsentSDK sdk;
+  if (command == "watch") return watch(sdk, sdkOptions);
+  if (command == "remove-consents") {
+    sdk.removeConsents();
+    std::printf(options.json ? "{\"removed\":true}\n" : "all consents removed\n");
+    return 0;
+  }
+  const SDKStatus status = setupAndWait(sdk, sdkOptions, 70, false);
+  if (command == "status") return printStatus(options, status);
+  if (status != SDKStatus::available) {
+    std::fprintf(stderr, "pactivo: no configuration document: %s\n",
+                 std::string(pactivo::status(status)).c_str());
+    return 1;
+  }
+  if (command == "purposes") {
+    auto purposes = sdk.getPurposeConsents();
+    options.json ? (void)std::printf("%s\n", purposesJson(purposes).c_str())
+                 : printPurposes(purposes);
+  } else if (command == "permissions") {
+    auto permissions = sdk.getPermissionConsents();
+    options.json ? (void)std::printf("%s\n", permissionsJson(permissions).c_str())
+                 : printPermissions(permissions);
+  } else if (command == "banner") {
+    printBanner(options, sdk.getBannerConfig(std::nullopt));
+  } else if (command == "gcm") {
+    auto signals = sdk.getGCMConsents();
+    options.json ? (void)std::printf("%s\n", gcmJson(signals).c_str()) : printGcm(signals);
+  } else if (command == "set-purpose") {
+    if (options.arguments.size() != 2)
+      throw UsageError("set-purpose takes ID and granted|declined");
+    Purpose purpose;
+    try {
+      purpose.purposeId = std::stoll(options.arguments[0]);
+    } catch (const std::exception&) {
+      throw UsageError("a purpose id is a number, not \"" + options.arguments[0] + "\"");
+    }
+    for (const Purpose& known : sdk.getPurposeConsents()) {
+      if (known.purposeId == purpose.purposeId) purpose = known;
+    }
+    const bool recorded = sdk.set(purpose, *parseConsent(options.arguments[1]));
+    std::printf(options.json ? "{\"recorded\":%s}\n" : "recorded: %s\n",
+                recorded ? "true" : "false");
+    return recorded ? 0 : 1;
+  } else if (command == "set-permission") {
+    if (options.arguments.size() != 2) throw UsageError("set-permission takes KEY and STATUS");
+    AppPermission permission;
+    permission.permissionId = LumariKey::fromRawValue(options.arguments[0]);
+    const bool recorded = sdk.set(permission, *parseConsent(options.arguments[1]));
+    std::printf(options.json ? "{\"recorded\":%s}\n" : "recorded: %s\n",
+                recorded ? "true" : "false");
+    return recorded ? 0 : 1;
+  } else if (command == "check") {
+    sdk.checkConsents();
+    const bool pending = UserDefaultManager::getBool(keys::kUploadConsentRequestPending);
+    std::printf(options.json ? "{\"upload_pending\":%s}\n" : "check done; upload pending: %s\n",
+                pending ? "true" : "false");
+    return pending ? 1 : 0;
+  }
+  return 0;
+}
+
+namespace {
+
+std::string typeAndValue(const PreferenceValue& value, std::string* type) {
+  struct Visitor {
+    std::string* type;
+    std::string operator()(const std::string& v) {
+      *type = "string";
+      return v;
+    }
+    std::string operator()(bool v) {
+      *type = "bool";
+      return v ? "true" : "false";
+    }
+    std::string operator()(std::int64_t v) {
+      *type = "integer";
+      return std::to_string(v);
+    }
+    std::string operator()(std::chrono::system_clock::time_point v) {
+      *type = "date";
+      std::time_t t = std::chrono::system_clock::to_time_t(v);
+      char text[32];
+      std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&t));
+      return text;
+    }
+    std::string operator()(const std::vector<PreferenceArrayElement>& v) {
+      *type = "array";
+      std::string text = "[";
+      for (const auto& element : v) {
+        if (text.size() > 1) text += ", ";
+        if (const auto* n = std::get_if<std::int64_t>(&element)) {
+          text += std::to_string(*n);
+        } else {
+          text += std::get<std::string>(element);
+        }
+      }
+      return text + "]";
+    }
+  };
+  return std::visit(Visitor{type}, value);
+}
+
+}  // namespace
+
+int runInspect(const CommonOptions& options) {
+  installDataDirectory(options);
+  const std::filesystem::path dir = currentPlatform()->applicationSupportDirectory();
+  std::vector<PreferenceEntry> entries = UserDefaultManager::allEntries();
+
+  // The cached configuration as the library would read it.
+  std::optional<std::int64_t> cachedVersion;
+  std::string cacheState = "absent";
+  std::ifstream file(dir / "tessarin-sdk-cdn.json", std::ios::binary);
+  if (file) {
+    std::stringstream bytes;
+    bytes << file.rdbuf();
+    auto decoded = decode<MainConfiguration>(bytes.str());
+    cacheState = decoded.ok() ? "valid" : "undecodable: " + decoded.error;
+    if (decoded.ok()) cachedVersion = decoded.value->version;
+  }
+  const std::int64_t savedAt = UserDefaultManager::getInt64(keys::kCdnCachedTimestamp, 0);
+  const std::int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                               std::chrono::system_clock::now().time_since_epoch())
+                               .count();
+  const std::string age = savedAt > 0 ? std::to_string(now - savedAt) + " s" : "unknown";
+  const std::string etag = UserDefaultManager::getETag().value_or("");
+
+  if (options.json) {
+    std::string json = "{\"data_directory\":" + jsonString(dir.string()) + ",\"preferences\":[";
+    bool first = true;
+    for (const PreferenceEntry& entry : entries) {
+      std::string type;
+      std::string value = typeAndValue(entry.value, &type);
+      json += std::string(first ? "" : ",") + "{\"key\":" + jsonString(entry.key) +
+              ",\"type\":" + jsonString(type) + ",\"value\":" + jsonString(value) + "}";
+      first = false;
+    }
+    json += "],\"cache\":{\"state\":" + jsonString(cacheState) +
+            ",\"version\":" + (cachedVersion ? std::to_string(*cachedVersion) : "null") +
+            ",\"age_seconds\":" + (savedAt > 0 ? std::to_string(now - savedAt) : "null") +
+            ",\"etag\":" + jsonString(etag) + "}}";
+    std::printf("%s\n", json.c_str());
+    return 0;
+  }
+  std::printf("Data directory: %s\n\nPreference suite %s\n", dir.c_str(),
+              std::string(kPreferenceSuiteName).c_str());
+  std::vector<std::vector<std::string>> rows;
+  for (const PreferenceEntry& entry : entries) {
+    std::string type;
+    std::string value = typeAndValue(entry.value, &type);
+    rows.push_back({entry.key, type, value});
+  }
+  printTable({"KEY", "TYPE", "VALUE"}, rows);
+  std::printf("\nCached configuration: %s\n", cacheState.c_str());
+  printTable(
+      {"AGE", "VERSION", "ETAG"},
+      {{age, cachedVersion ? std::to_string(*cachedVersion) : "-", etag.empty() ? "-" : etag}});
+  return 0;
+}
+
+}  // namespace pactivo::cli
