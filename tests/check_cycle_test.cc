@@ -158,6 +158,8 @@ TEST_F(CheckCycleTest, UploadResponses) {
        "[INFO] [consent_sdk_public_methods.cc"},
       {"status 1", [&] { app_.respond(200, reply(1, "rejected")); }, true, false,
        "uploadConsents(url:request:) - rejected"},
+      {"status 1, no message", [&] { app_.respond(200, reply(1, "")); }, true, false,
+       "uploadConsents(url:request:) - Failed to Upload Consents"},
       {"status 2", [&] { app_.respond(200, reply(2, "ignored")); }, false, false,
        "uploadConsents(url:request:) - ignored"},
       {"server error", [&] { app_.respond(500, "{}"); }, true, false,

@@ -13,6 +13,16 @@ namespace {
 TEST(FirebaseRuntimeLookup, SignalsReachSetConsentFoundInTheProcess) {
   testing::ScopedPlatform scoped;
   testing::LogCapture log;
+
+  // First a Firebase without the consent API: told apart from no Firebase.
+  ASSERT_NE(dlopen(PACTIVO_OLD_FIREBASE_LIBRARY, RTLD_NOW | RTLD_GLOBAL), nullptr) << dlerror();
+  GoogleConsentModeHelper::setFirebaseConsent({{GoogleConsentType::adStorage, true}});
+  EXPECT_TRUE(
+      log.contains("setFirebaseConsent(consentMap:) - Firebase Analytics setConsent "
+                   "method not found"));
+  EXPECT_FALSE(log.contains("not found in project"));
+  log.clear();
+
   void* library = dlopen(PACTIVO_FAKE_FIREBASE_LIBRARY, RTLD_NOW | RTLD_GLOBAL);
   ASSERT_NE(library, nullptr) << dlerror();
   auto calls = reinterpret_cast<int (*)()>(dlsym(library, "fakeFirebaseCalls"));

@@ -33,6 +33,10 @@ using SetConsentFunction = void (*)(const FirebaseConsent&);
 //                    firebase::analytics::ConsentStatus>&), as the Itanium ABI
 // names it. Looked up rather than linked, so the library builds and runs
 // without Firebase.
+// firebase::analytics::SetAnalyticsCollectionEnabled(bool), present in every
+// version: it tells an old Firebase from no Firebase.
+constexpr const char* kAnalyticsPresentSymbol =
+    "_ZN8firebase9analytics29SetAnalyticsCollectionEnabledEb";
 constexpr const char* kSetConsentSymbol =
     "_ZN8firebase9analytics10SetConsentERKSt3mapINS0_11ConsentTypeENS0_13ConsentStatusESt4lessIS2_"
     "ESaISt4pairIKS2_S3_EEE";
@@ -53,15 +57,19 @@ FirebaseConsentType firebaseType(GoogleConsentType type) {
 
 }  // namespace
 
-bool FirebaseAnalytics::setConsent(const std::map<GoogleConsentType, bool>& consent) {
+FirebaseAnalytics::Outcome FirebaseAnalytics::setConsent(
+    const std::map<GoogleConsentType, bool>& consent) {
   void* symbol = dlsym(RTLD_DEFAULT, kSetConsentSymbol);
-  if (symbol == nullptr) return false;
+  if (symbol == nullptr) {
+    return dlsym(RTLD_DEFAULT, kAnalyticsPresentSymbol) != nullptr ? Outcome::methodNotFound
+                                                                   : Outcome::notFound;
+  }
   FirebaseConsent settings;
   for (const auto& [type, granted] : consent) {
     settings[firebaseType(type)] = granted ? kConsentStatusGranted : kConsentStatusDenied;
   }
   reinterpret_cast<SetConsentFunction>(symbol)(settings);
-  return true;
+  return Outcome::sent;
 }
 
 }  // namespace pactivo::detail

@@ -10,9 +10,14 @@ namespace pactivo::detail {
 
 class FirebaseAnalytics {
  public:
+  enum class Outcome {
+    sent,            // SetConsent was called
+    notFound,        // the process does not carry Firebase Analytics
+    methodNotFound,  // it does, in a version without SetConsent
+  };
   // Calls firebase::analytics::SetConsent with `consent` when the process
-  // carries Firebase Analytics; returns false when it does not.
-  static bool setConsent(const std::map<GoogleConsentType, bool>& consent);
+  // carries it.
+  static Outcome setConsent(const std::map<GoogleConsentType, bool>& consent);
 };
 
 }  // namespace pactivo::detail

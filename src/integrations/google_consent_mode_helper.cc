@@ -131,10 +131,19 @@ void GoogleConsentModeHelper::setFirebaseConsent(const ConsentMap& consentMap) {
   }
   if (Platform::ConsentModeHandler handler = currentPlatform()->consentModeHandler()) {
     handler(payload);
-  } else if (!FirebaseAnalytics::setConsent(consentMap)) {
-    SDKLogger::shared().log("Firebase Analytics not found in project", LogLevel::debug,
-                            "setFirebaseConsent(consentMap:)");
-    return;
+  } else {
+    switch (FirebaseAnalytics::setConsent(consentMap)) {
+      case FirebaseAnalytics::Outcome::sent:
+        break;
+      case FirebaseAnalytics::Outcome::notFound:
+        SDKLogger::shared().log("Firebase Analytics not found in project", LogLevel::debug,
+                                "setFirebaseConsent(consentMap:)");
+        return;
+      case FirebaseAnalytics::Outcome::methodNotFound:
+        SDKLogger::shared().log("Firebase Analytics setConsent method not found", LogLevel::debug,
+                                "setFirebaseConsent(consentMap:)");
+        return;
+    }
   }
   SDKLogger::shared().log("Firebase consent updated successfully: " + describe(consentMap),
                           LogLevel::debug, "setFirebaseConsent(consentMap:)");

@@ -226,7 +226,10 @@ void ConsentSDK::Impl::uploadConsents(const std::string& url, const PostConsents
     GenericResponse response = networkManager->processRequest<GenericResponse>(built);
     const bool failed = response.status == 1;
     UserDefaultManager::setBool(keys::kUploadConsentRequestPending, failed);
-    SDKLogger::shared().log(response.message, failed ? LogLevel::error : LogLevel::info, kFunction);
+    // A failure the server did not explain still gets a line a reader can find.
+    const std::string message =
+        failed && response.message.empty() ? "Failed to Upload Consents" : response.message;
+    SDKLogger::shared().log(message, failed ? LogLevel::error : LogLevel::info, kFunction);
     if (response.status == 0) {
       UserDefaultManager::clearPendingPurposes();
       UserDefaultManager::clearPendingPermissions();
