@@ -17,16 +17,12 @@
 namespace pactivo {
 namespace {
 
-std::string exampleDocument() {
-  std::ifstream in(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json");
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
-}
+using testing::exampleDocument;
 
 int threadCount() {
   int count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+  for ([[maybe_unused]] const auto& entry :
+       std::filesystem::directory_iterator("/proc/self/task")) {
     ++count;
   }
   return count;
@@ -77,7 +73,7 @@ void BM_TeardownWithWorkInFlight(benchmark::State& state) {
     std::filesystem::remove(scoped.dataDirectory() / "tessarin-sdk-cdn.json");
     const std::size_t before = cdn.requestCount() + app.requestCount();
     auto sdk = std::make_unique<ConsentSDK>();
-    sdk->setup(options(cdn, app));  // a fetch
+    sdk->setup(options(cdn, app));                                     // a fetch
     sdk->uploadConsents(app.baseUrl(), PostConsentsRequest{}, [] {});  // an upload
     while (cdn.requestCount() + app.requestCount() < before + 2) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));

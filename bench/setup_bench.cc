@@ -14,12 +14,7 @@
 namespace pactivo {
 namespace {
 
-std::string exampleDocument() {
-  std::ifstream in(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json");
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
-}
+using testing::exampleDocument;
 
 void runSetups(benchmark::State& state, bool warm) {
   testing::ScopedPlatform scoped;

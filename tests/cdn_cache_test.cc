@@ -25,12 +25,7 @@ using testing::LogCapture;
 using testing::ScopedPlatform;
 using testing::TestServer;
 
-std::string exampleDocument() {
-  std::ifstream in(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json");
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
-}
+using testing::exampleDocument;
 
 class CdnCacheTest : public ::testing::Test {
  protected:

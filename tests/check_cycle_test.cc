@@ -24,12 +24,7 @@ using testing::ManualClock;
 using testing::ScopedPlatform;
 using testing::TestServer;
 
-std::string exampleDocument() {
-  std::ifstream in(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json");
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
-}
+using testing::exampleDocument;
 
 std::string reply(int status, const std::string& message) {
   return "{\"status\": " + std::to_string(status) + ", \"message\": \"" + message + "\"}";

@@ -9,16 +9,7 @@
 namespace pactivo {
 namespace {
 
-std::string readFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
-}
-
-std::string exampleDocument() {
-  return readFile(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json");
-}
+using testing::exampleDocument;
 
 LocalizedText texts(const std::string& stem) {
   return LocalizedText{{"en", stem + " en"}, {"fr", stem + " fr é"}, {"_", stem}};

@@ -22,22 +22,10 @@ namespace {
 using simdjson::dom::element;
 using simdjson::dom::element_type;
 
-template <typename T>
-struct IsOptional : std::false_type {};
-template <typename T>
-struct IsOptional<std::optional<T>> : std::true_type {};
-template <typename T>
-struct IsVector : std::false_type {};
-template <typename T>
-struct IsVector<std::vector<T>> : std::true_type {};
-template <typename T>
-struct IsMap : std::false_type {};
-template <typename T>
-struct IsMap<std::map<std::string, T>> : std::true_type {};
-template <typename T, typename = void>
-struct IsRecord : std::false_type {};
-template <typename T>
-struct IsRecord<T, std::void_t<decltype(detail::RecordFields<T>::list())>> : std::true_type {};
+using detail::IsMap;
+using detail::IsOptional;
+using detail::IsRecord;
+using detail::IsVector;
 
 template <typename T>
 constexpr bool kIsStringEnum =

@@ -3,8 +3,12 @@
 #ifndef PACTIVO_SRC_MODELS_RECORD_FIELDS_H_
 #define PACTIVO_SRC_MODELS_RECORD_FIELDS_H_
 
+#include <map>
+#include <optional>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
+#include <vector>
 
 #include "pactivo/configuration.h"
 #include "pactivo/consent_records.h"
@@ -205,6 +209,24 @@ PACTIVO_FIELDS(CurrentLocationResponse,
                field("data", &CurrentLocationResponse::data));
 
 #undef PACTIVO_FIELDS
+
+// Shapes of member types, for the code written against the tables.
+template <typename T>
+struct IsOptional : std::false_type {};
+template <typename T>
+struct IsOptional<std::optional<T>> : std::true_type {};
+template <typename T>
+struct IsVector : std::false_type {};
+template <typename T>
+struct IsVector<std::vector<T>> : std::true_type {};
+template <typename T>
+struct IsMap : std::false_type {};
+template <typename K, typename V>
+struct IsMap<std::map<K, V>> : std::true_type {};
+template <typename T, typename = void>
+struct IsRecord : std::false_type {};
+template <typename T>
+struct IsRecord<T, std::void_t<decltype(RecordFields<T>::list())>> : std::true_type {};
 
 }  // namespace pactivo::detail
 

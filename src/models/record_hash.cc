@@ -7,20 +7,10 @@
 namespace pactivo {
 namespace {
 
+using detail::IsOptional;
+using detail::IsRecord;
 template <typename T>
-struct IsOptional : std::false_type {};
-template <typename T>
-struct IsOptional<std::optional<T>> : std::true_type {};
-template <typename T>
-struct IsSequence : std::false_type {};
-template <typename T>
-struct IsSequence<std::vector<T>> : std::true_type {};
-template <typename K, typename V>
-struct IsSequence<std::map<K, V>> : std::true_type {};
-template <typename T, typename = void>
-struct IsRecord : std::false_type {};
-template <typename T>
-struct IsRecord<T, std::void_t<decltype(detail::RecordFields<T>::list())>> : std::true_type {};
+constexpr bool kIsSequence = detail::IsVector<T>::value || detail::IsMap<T>::value;
 
 void combine(std::size_t& seed, std::size_t value) {
   seed ^= value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
@@ -49,10 +39,10 @@ void hashInto(std::size_t& seed, const T& value) {
       sum += one;
     }
     combine(seed, sum);
-  } else if constexpr (IsSequence<T>::value) {
+  } else if constexpr (kIsSequence<T>) {
     combine(seed, value.size());
     for (const auto& item : value) {
-      if constexpr (IsSequence<T>::value && requires { item.first; }) {
+      if constexpr (kIsSequence<T> && requires { item.first; }) {
         hashPair(seed, item);
       } else {
         hashInto(seed, item);

@@ -2,6 +2,8 @@
 
 #include <stdlib.h>
 
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "pactivo/locale_utils.h"
@@ -316,6 +318,14 @@ bool LogCapture::contains(const std::string& fragment) const {
 void LogCapture::clear() {
   std::lock_guard lock(mutex_);
   messages_.clear();
+}
+
+std::string exampleDocument() {
+  std::ifstream in(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json",
+                   std::ios::binary);
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  return buffer.str();
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {

@@ -172,6 +172,9 @@ class LogCapture {
   std::vector<std::string> messages_;
 };
 
+// The text of examples/configuration.json.
+std::string exampleDocument();
+
 // Polls `condition` until it holds or `timeout` passes.
 bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
