@@ -1,6 +1,8 @@
 // The built `pactivo` program, run as a subprocess.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdio>
@@ -137,6 +139,40 @@ TEST(CliTest, DeploymentCommandsAgainstAnUnreachableServer) {
   Result purposes =
       run("purposes --json --cdn-url http://127.0.0.1:9/ --data-dir " + dir.path().string());
   EXPECT_EQ(purposes.status, 1);
+}
+
+TEST(CliTest, WatchStopsCleanlyOnInterrupt) {
+  testing::TempDir dir;
+  int out[2];
+  ASSERT_EQ(pipe(out), 0);
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    dup2(out[1], STDERR_FILENO);
+    close(out[0]);
+    execl(PACTIVO_CLI, "pactivo", "watch", "--cdn-url", "http://127.0.0.1:9/", "--data-dir",
+          dir.path().c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(out[1]);
+  std::string output;
+  char buffer[256];
+  // Wait for the first readiness line, then interrupt.
+  while (output.find("readiness:") == std::string::npos) {
+    ssize_t n = read(out[0], buffer, sizeof buffer);
+    if (n <= 0) break;
+    output.append(buffer, static_cast<std::size_t>(n));
+  }
+  kill(child, SIGINT);
+  ssize_t n;
+  while ((n = read(out[0], buffer, sizeof buffer)) > 0)
+    output.append(buffer, static_cast<std::size_t>(n));
+  close(out[0]);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
+  EXPECT_NE(output.find("stopping"), std::string::npos) << output;
 }
 
 }  // namespace

@@ -30,6 +30,9 @@ TestServer::TestServer() {
   server_.Delete(".*", route);
   server_.Patch(".*", route);
   server_.set_keep_alive_max_count(1);
+  // Headers and body go out in separate writes; without this, Nagle's
+  // algorithm holds the body back for the client's delayed ACK.
+  server_.set_tcp_nodelay(true);
   port_ = server_.bind_to_any_port("127.0.0.1");
   thread_ = std::thread([this] { server_.listen_after_bind(); });
   while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));

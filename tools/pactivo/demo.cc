@@ -33,6 +33,8 @@ class DemoServers {
                         response.set_content(R"({"status": 0, "message": "Consents recorded"})",
                                              "application/json");
                       });
+    content_.set_tcp_nodelay(true);
+    application_.set_tcp_nodelay(true);
     contentPort_ = content_.bind_to_any_port("127.0.0.1");
     applicationPort_ = application_.bind_to_any_port("127.0.0.1");
     threads_.emplace_back([this] { content_.listen_after_bind(); });
