@@ -28,27 +28,34 @@ int threadCount() {
   return count;
 }
 
-ConsentSDKOptions options(const testing::TestServer& cdn, const testing::TestServer& app) {
-  return ConsentSDKOptions(app.baseUrl(), cdn.baseUrl(), "t", "a", false, LogLevel::error, 1800,
-                           std::nullopt, "en", "DE", WebViewConfig({}, std::nullopt));
-}
-
-void BM_ConsentCheckWithUpload(benchmark::State& state) {
+// A content server with the example document, an application server that
+// accepts every upload, and the fake platform and quiet log around them.
+struct LocalDeployment {
+  LocalDeployment() {
+    cdn.respond(200, exampleDocument());
+    app.respond(200, R"({"status": 0, "message": "ok"})");
+  }
+  ConsentSDKOptions options() const {
+    return ConsentSDKOptions(app.baseUrl(), cdn.baseUrl(), "t", "a", false, LogLevel::error, 1800,
+                             std::nullopt, "en", "DE", WebViewConfig({}, std::nullopt));
+  }
   testing::ScopedPlatform scoped;
   testing::LogCapture quiet;
   testing::TestServer cdn;
   testing::TestServer app;
-  cdn.respond(200, exampleDocument());
-  app.respond(200, R"({"status": 0, "message": "ok"})");
+};
+
+void BM_ConsentCheckWithUpload(benchmark::State& state) {
+  LocalDeployment local;
   ConsentSDK sdk;
-  sdk.setup(options(cdn, app));
+  sdk.setup(local.options());
   detail::ConsentSDKAccess::impl(sdk).waitUntilIdle();
   for (auto _ : state) {
     // Something to upload: the last upload "failed".
     UserDefaultManager::setBool(keys::kUploadConsentRequestPending, true);
     sdk.checkConsents();
   }
-  state.counters["uploads"] = static_cast<double>(app.requestCount());
+  state.counters["uploads"] = static_cast<double>(local.app.requestCount());
 }
 BENCHMARK(BM_ConsentCheckWithUpload)
     ->Unit(benchmark::kMicrosecond)
@@ -56,12 +63,9 @@ BENCHMARK(BM_ConsentCheckWithUpload)
     ->ReportAggregatesOnly(true);
 
 void BM_TeardownWithWorkInFlight(benchmark::State& state) {
-  testing::ScopedPlatform scoped;
-  testing::LogCapture quiet;
-  testing::TestServer cdn;
-  testing::TestServer app;
-  cdn.respond(200, exampleDocument());
-  app.respond(200, R"({"status": 0, "message": "ok"})");
+  LocalDeployment local;
+  testing::TestServer& cdn = local.cdn;
+  testing::TestServer& app = local.app;
   for (auto _ : state) {
     state.PauseTiming();
     auto slow = [](const httplib::Request&, httplib::Response& response) {
@@ -70,10 +74,10 @@ void BM_TeardownWithWorkInFlight(benchmark::State& state) {
     };
     cdn.setHandler(slow);
     app.setHandler(slow);
-    std::filesystem::remove(scoped.dataDirectory() / "tessarin-sdk-cdn.json");
+    std::filesystem::remove(local.scoped.dataDirectory() / "tessarin-sdk-cdn.json");
     const std::size_t before = cdn.requestCount() + app.requestCount();
     auto sdk = std::make_unique<ConsentSDK>();
-    sdk->setup(options(cdn, app));                                     // a fetch
+    sdk->setup(local.options());                                       // a fetch
     sdk->uploadConsents(app.baseUrl(), PostConsentsRequest{}, [] {});  // an upload
     while (cdn.requestCount() + app.requestCount() < before + 2) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -88,22 +92,20 @@ BENCHMARK(BM_TeardownWithWorkInFlight)
     ->Repetitions(3)
     ->ReportAggregatesOnly(true);
 
+// With the Linux platform, so that the real path monitor runs.
 void BM_IdleThreads(benchmark::State& state) {
-  testing::ScopedPlatform scoped;
-  testing::LogCapture quiet;
-  testing::TestServer cdn;
-  testing::TestServer app;
-  cdn.respond(200, exampleDocument());
-  app.respond(200, R"({"status": 0, "message": "ok"})");
+  LocalDeployment local;
+  installPlatform(std::make_shared<LinuxPlatform>(
+      LinuxPlatform::Settings{"bench", local.scoped.dataDirectory(), {}, {}}));
   const int before = threadCount();
-  ConsentSDK sdk;
-  sdk.setup(options(cdn, app));
-  auto& impl = detail::ConsentSDKAccess::impl(sdk);
-  impl.waitUntilIdle();
-  impl.startNetworkMonitoring();  // the platform's real monitor is a fake here: see counter note
-  for (auto _ : state) benchmark::DoNotOptimize(sdk.getStatus());
-  // Timer armed (consent was recorded) plus the monitor of the platform.
-  state.counters["library_threads_idle"] = threadCount() - before;
+  {
+    ConsentSDK sdk;
+    sdk.setup(local.options());
+    detail::ConsentSDKAccess::impl(sdk).waitUntilIdle();
+    for (auto _ : state) benchmark::DoNotOptimize(sdk.getStatus());
+    // The timer (consent was recorded by the prefill) and the path monitor.
+    state.counters["library_threads_idle"] = threadCount() - before;
+  }
 }
 BENCHMARK(BM_IdleThreads)->Iterations(1);
 
