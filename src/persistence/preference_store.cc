@@ -357,6 +357,18 @@ bool PreferenceStore::remove(std::string_view key, std::string* error) {
   return true;
 }
 
+bool PreferenceStore::removeAll(std::string* error) {
+  operations_.fetch_add(1, std::memory_order_relaxed);
+  std::lock_guard lock(mutex_);
+  int code = sqlite3_exec(db_, "DELETE FROM preferences", nullptr, nullptr, nullptr);
+  if (code != SQLITE_OK) {
+    *error = sqliteError(db_, code);
+    return false;
+  }
+  rows_.clear();
+  return true;
+}
+
 std::vector<PreferenceEntry> PreferenceStore::entries() {
   std::lock_guard lock(mutex_);
   refreshIfChanged();

@@ -62,6 +62,8 @@ class PreferenceStore {
   // when SQLite refused the write; the copy then keeps the old value.
   bool put(std::string_view key, PreferenceValue value, std::string* error);
   bool remove(std::string_view key, std::string* error);
+  // Removes every row in one transaction.
+  bool removeAll(std::string* error);
 
   // Every row, ordered by key.
   std::vector<PreferenceEntry> entries();

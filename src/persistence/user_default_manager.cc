@@ -217,7 +217,9 @@ void UserDefaultManager::setETag(std::string_view etag) { put(keys::kEtag, std::
 void UserDefaultManager::clearETag() { remove(keys::kEtag); }
 
 void UserDefaultManager::removeAllConsents() {
-  for (const PreferenceEntry& entry : currentStore()->entries()) remove(entry.key);
+  // Every key, identity and cache bookkeeping included, in one transaction.
+  std::string error;
+  if (!currentStore()->removeAll(&error)) reportWriteFailure("(all keys)", error);
   SDKLogger::shared().log("Successfully removed all consents", LogLevel::info,
                           "removeAllConsents()");
 }

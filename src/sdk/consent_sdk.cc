@@ -5,6 +5,7 @@
 #include "pactivo/locale_utils.h"
 #include "pactivo/logger.h"
 #include "pactivo/user_default_manager.h"
+#include "persistence/preference_store.h"
 #include "sdk/consent_sdk_impl.h"
 
 namespace pactivo {
@@ -73,10 +74,14 @@ void ConsentSDK::Impl::setup(const ConsentSDKOptions& options) {
   }
 
   // A document cached in another language is of no use any more. Nothing is
-  // stored on a first launch, so nothing is discarded then.
-  const std::string noValue = "\x01";
-  const std::string cachedLanguage = UserDefaultManager::getString(keys::kLanguageCode, noValue);
-  if (cachedLanguage != noValue && cachedLanguage != LocaleUtils::currentLanguageCode()) {
+  // stored on a first launch (and a non-string is ignored), so nothing is
+  // discarded then.
+  const std::optional<std::string> cachedLanguage = detail::currentStore()->read(
+      keys::kLanguageCode, [](const PreferenceValue* value) -> std::optional<std::string> {
+        const auto* text = value ? std::get_if<std::string>(value) : nullptr;
+        return text ? std::optional<std::string>(*text) : std::nullopt;
+      });
+  if (cachedLanguage && *cachedLanguage != LocaleUtils::currentLanguageCode()) {
     discardCachedConfiguration();
   }
 
