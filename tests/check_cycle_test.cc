@@ -456,3 +456,30 @@ TEST_F(CheckCycleTest, SetForwardsToGoogleConsentModeOnlyWhenAccepted) {
 
 }  // namespace
 }  // namespace pactivo
+
+namespace pactivo {
+namespace {
+
+// The real path monitor reports on its own thread while teardown runs; a
+// report racing the teardown must not deadlock it.
+TEST(TeardownTest, RacesTheLinuxPathMonitor) {
+  testing::TempDir dir;
+  testing::LogCapture quiet;
+  for (int round = 0; round < 30; ++round) {
+    installPlatform(std::make_shared<LinuxPlatform>(
+        LinuxPlatform::Settings{"teardown", dir.path() / std::to_string(round), {}, {}}));
+    auto start = std::chrono::steady_clock::now();
+    {
+      ConsentSDK sdk;
+      sdk.setup(ConsentSDKOptions("http://127.0.0.1:9/", "http://127.0.0.1:9/", "t", "a", false,
+                                  LogLevel::error, 60, std::nullopt, "en", "DE",
+                                  WebViewConfig({}, std::nullopt)));
+      std::this_thread::sleep_for(std::chrono::microseconds(200 * (round % 10)));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << round;
+  }
+  installPlatform(nullptr);
+}
+
+}  // namespace
+}  // namespace pactivo

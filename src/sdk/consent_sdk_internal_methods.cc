@@ -83,13 +83,16 @@ void ConsentSDK::Impl::startNetworkMonitoring() {
   if (old) old->cancel();
   if (!monitor) return;
   monitor->start([this](NetworkPathStatus status) { onNetworkPath(status); });
-  std::lock_guard lock(cycleMutex_);
-  if (closing_) {
-    // Torn down meanwhile: the destructor no longer sees this monitor.
-    monitor->cancel();
-    return;
+  {
+    std::lock_guard lock(cycleMutex_);
+    if (!closing_) {
+      monitor_ = std::move(monitor);
+      return;
+    }
   }
-  monitor_ = std::move(monitor);
+  // Torn down meanwhile: the destructor no longer sees this monitor. It is
+  // cancelled without the lock, which its handler takes.
+  monitor->cancel();
 }
 
 void ConsentSDK::Impl::onNetworkPath(NetworkPathStatus status) {
