@@ -4,6 +4,7 @@
 #include <cctype>
 #include <memory>
 #include <mutex>
+#include <stop_token>
 
 #include "network/network_manager.h"
 #include "pactivo/logger.h"
@@ -74,12 +75,48 @@ size_t onHeader(char* data, size_t size, size_t count, void* context) {
   return size * count;
 }
 
-int onProgress(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return static_cast<Transfer*>(context)->stop.stop_requested() ? 1 : 0;
-}
-
 struct EasyDeleter {
   void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+};
+
+// Runs one easy handle on a multi handle of its own, so that a stop request
+// wakes the wait at once (curl_multi_wakeup is safe from any thread) instead
+// of at libcurl's next progress call, up to a second later.
+class CancellableTransfer {
+ public:
+  explicit CancellableTransfer(CURL* easy) : multi_(curl_multi_init()), easy_(easy) {
+    if (multi_ != nullptr) curl_multi_add_handle(multi_, easy_);
+  }
+  ~CancellableTransfer() {
+    if (multi_ == nullptr) return;
+    curl_multi_remove_handle(multi_, easy_);
+    curl_multi_cleanup(multi_);
+  }
+  CancellableTransfer(const CancellableTransfer&) = delete;
+  CancellableTransfer& operator=(const CancellableTransfer&) = delete;
+
+  // The transfer's result; CURLE_ABORTED_BY_CALLBACK when `stop` was
+  // requested first.
+  CURLcode run(const std::stop_token& stop) {
+    if (multi_ == nullptr) return CURLE_OUT_OF_MEMORY;
+    std::stop_callback wake(stop, [multi = multi_] { curl_multi_wakeup(multi); });
+    int running = 1;
+    while (true) {
+      if (stop.stop_requested()) return CURLE_ABORTED_BY_CALLBACK;
+      if (curl_multi_perform(multi_, &running) != CURLM_OK) return CURLE_FAILED_INIT;
+      if (running == 0) break;
+      if (curl_multi_poll(multi_, nullptr, 0, 1000, nullptr) != CURLM_OK) return CURLE_FAILED_INIT;
+    }
+    int pending = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_, &pending)) {
+      if (message->msg == CURLMSG_DONE) return message->data.result;
+    }
+    return CURLE_OK;
+  }
+
+ private:
+  CURLM* const multi_;
+  CURL* const easy_;
 };
 struct ListDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -188,11 +225,8 @@ Exchange ConsentNetworkManager::send(const URLRequest& request) {
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, onHeader);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &transfer);
-  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, onProgress);
-  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &transfer);
-  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
 
-  CURLcode result = curl_easy_perform(handle);
+  CURLcode result = CancellableTransfer(handle).run(transfer.stop);
   if (transfer.tooLarge) {
     throw TransportError("response body larger than " + std::to_string(kMaxResponseBodyBytes) +
                          " bytes refused");
