@@ -10,6 +10,7 @@
 #include "pactivo/consent_sdk.h"
 #include "pactivo/json.h"
 #include "pactivo/locale_utils.h"
+#include "pactivo/logger.h"
 #include "pactivo/user_default_manager.h"
 #include "persistence/preference_store.h"
 #include "sdk/consent_sdk_access.h"
@@ -278,9 +279,15 @@ TEST_F(CdnCacheTest, FailedWriteRestoresBackup) {
   // Larger than the limit below, which the suite's own files stay under.
   newer.description = std::string(9 << 20, 'x');
   detail::resetCurrentStore();
+  int logPipe[2];
+  ASSERT_EQ(pipe(logPipe), 0);
   pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
+    close(logPipe[0]);
+    SDKLogger::shared().setSink([fd = logPipe[1]](std::string_view text) {
+      if (write(fd, text.data(), text.size()) < 0) _exit(3);
+    });
     std::signal(SIGXFSZ, SIG_IGN);
     struct rlimit limit {
       8 << 20, 8 << 20
@@ -290,9 +297,24 @@ TEST_F(CdnCacheTest, FailedWriteRestoresBackup) {
     ConsentSDKAccess::impl(sdk).saveCDNToFile(newer, "tessarin-sdk-cdn.json");
     _exit(0);
   }
+  close(logPipe[1]);
+  std::string childLog;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = read(logPipe[0], buffer, sizeof buffer)) > 0) childLog.append(buffer, n);
+  close(logPipe[0]);
   int status = 0;
   waitpid(child, &status, 0);
   ASSERT_TRUE(WIFEXITED(status)) << "signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+  const std::string target = "file://" + cacheFile().string();
+  for (const std::string& line : std::vector<std::string>{
+           "[INFO] [consent_sdk_cdn_utils.cc:",
+           "saveCDNToFile(config:fileName:) - Backup created: file://",
+           "saveCDNToFile(config:fileName:) - Error saving CDN: File too large",
+           "[DEBUG] [consent_sdk_cdn_utils.cc:",
+           "saveCDNToFile(config:fileName:) - Backup restored to original: " + target}) {
+    EXPECT_NE(childLog.find(line), std::string::npos) << line << "\n" << childLog;
+  }
   auto document = impl_.readCDNFile(false);
   ASSERT_TRUE(document);
   EXPECT_EQ(document->version, 3);
