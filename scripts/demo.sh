@@ -4,5 +4,5 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
-scripts/build.sh
+BUILD_TARGET=pactivo_cli scripts/build.sh
 "${BUILD_DIR:-build}"/tools/pactivo/pactivo demo "$@"
