@@ -155,12 +155,14 @@ class PACTIVO_EXPORT Platform {
 // Derive from it to change one facility and keep the others.
 class PACTIVO_EXPORT LinuxPlatform : public Platform {
  public:
+  // Every member has a default, so a host names only what it changes:
+  // Settings{.applicationName = "com.example.tv"}.
   struct Settings {
-    std::string applicationName;          // default: the program's name
-    std::filesystem::path dataDirectory;  // default: see above
-    std::vector<std::pair<std::string, std::string>> infoDictionary;
+    std::string applicationName{};          // default: the program's name
+    std::filesystem::path dataDirectory{};  // default: see above
+    std::vector<std::pair<std::string, std::string>> infoDictionary{};
     // Where Google Consent Mode signals go; see Platform::consentModeHandler.
-    ConsentModeHandler consentModeHandler;
+    ConsentModeHandler consentModeHandler{};
   };
 
   LinuxPlatform();
