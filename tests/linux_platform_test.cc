@@ -95,22 +95,6 @@ TEST(LinuxPlatformTest, DataDirectory) {
   }
 }
 
-TEST(LinuxPlatformTest, DefaultsOfAPlainLinuxHost) {
-  LinuxPlatform platform({"a", "/d", {{"NSLocalNetworkUsageDescription", "Authorized"}}, {}});
-  EXPECT_EQ(platform.advertisingIdentifier(), "");
-  EXPECT_EQ(platform.trackingAuthorizationStatus(), 0);
-  EXPECT_EQ(platform.infoDictionaryString("NSLocalNetworkUsageDescription"), "Authorized");
-  EXPECT_EQ(platform.infoDictionaryString("Other"), std::nullopt);
-  EXPECT_EQ(platform.localizedString("key", "comment"), "key");
-  EXPECT_FALSE(platform.cameraAuthorizationStatus());
-  EXPECT_FALSE(platform.standardPreferenceBool("ARE_PURPOSES_CHANGED"));
-  EXPECT_FALSE(platform.consentModeHandler());
-  EXPECT_FALSE(platform.deviceName().empty());
-  int ran = 0;
-  platform.runOnMainThread([&] { ++ran; });
-  EXPECT_EQ(ran, 1);
-}
-
 TEST(CustomErrorTest, LocalizedDescriptionThroughThePlatform) {
   testing::ScopedPlatform scoped;
   EXPECT_EQ(CustomError::unexpected("Disk full").localizedDescription(), "Disk full");

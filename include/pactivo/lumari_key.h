@@ -80,12 +80,12 @@ class PACTIVO_EXPORT LumariKey {
 template <>
 struct std::hash<pactivo::LumariKey> {
   std::size_t operator()(const pactivo::LumariKey& key) const noexcept {
-    std::size_t seed = std::hash<int>{}(key.caseIndex());
+    std::size_t state = std::hash<int>{}(key.caseIndex());
     if (key.kind() == pactivo::LumariKey::custom) {
-      seed ^= std::hash<std::string>{}(key.customText()) + 0x9e3779b97f4a7c15ULL + (seed << 6) +
-              (seed >> 2);
+      state ^= std::hash<std::string>{}(key.customText()) + 0x9e3779b97f4a7c15ULL + (state << 6) +
+               (state >> 2);
     }
-    return seed;
+    return state;
   }
 };
 

@@ -12,24 +12,24 @@ using detail::IsRecord;
 template <typename T>
 constexpr bool kIsSequence = detail::IsVector<T>::value || detail::IsMap<T>::value;
 
-void combine(std::size_t& seed, std::size_t value) {
-  seed ^= value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2);
+void combine(std::size_t& state, std::size_t value) {
+  state ^= value + 0x9e3779b97f4a7c15ULL + (state << 6) + (state >> 2);
 }
 
 template <typename T>
-void hashInto(std::size_t& seed, const T& value);
+void hashInto(std::size_t& state, const T& value);
 
 template <typename A, typename B>
-void hashPair(std::size_t& seed, const std::pair<A, B>& pair) {
-  hashInto(seed, pair.first);
-  hashInto(seed, pair.second);
+void hashPair(std::size_t& state, const std::pair<A, B>& pair) {
+  hashInto(state, pair.first);
+  hashInto(state, pair.second);
 }
 
 template <typename T>
-void hashInto(std::size_t& seed, const T& value) {
+void hashInto(std::size_t& state, const T& value) {
   if constexpr (IsOptional<T>::value) {
-    combine(seed, value.has_value());
-    if (value) hashInto(seed, *value);
+    combine(state, value.has_value());
+    if (value) hashInto(state, *value);
   } else if constexpr (std::is_same_v<T, LocalizedText>) {
     // Order-independent, like LocalizedText's equality.
     std::size_t sum = 0;
@@ -38,29 +38,29 @@ void hashInto(std::size_t& seed, const T& value) {
       hashPair(one, entry);
       sum += one;
     }
-    combine(seed, sum);
+    combine(state, sum);
   } else if constexpr (kIsSequence<T>) {
-    combine(seed, value.size());
+    combine(state, value.size());
     for (const auto& item : value) {
       if constexpr (kIsSequence<T> && requires { item.first; }) {
-        hashPair(seed, item);
+        hashPair(state, item);
       } else {
-        hashInto(seed, item);
+        hashInto(state, item);
       }
     }
   } else if constexpr (IsRecord<T>::value) {
-    std::apply([&](const auto&... field) { (hashInto(seed, value.*field.member), ...); },
+    std::apply([&](const auto&... field) { (hashInto(state, value.*field.member), ...); },
                detail::RecordFields<T>::list());
   } else {
-    combine(seed, std::hash<T>{}(value));
+    combine(state, std::hash<T>{}(value));
   }
 }
 
 template <typename T>
 std::size_t hashOf(const T& value) {
-  std::size_t seed = 0;
-  hashInto(seed, value);
-  return seed;
+  std::size_t state = 0;
+  hashInto(state, value);
+  return state;
 }
 
 }  // namespace
