@@ -7,6 +7,7 @@
 #include "pactivo/logger.h"
 #include "pactivo/platform.h"
 #include "pactivo/user_default_manager.h"
+#include "purposes/purpose_manager.h"
 
 namespace pactivo::detail {
 namespace {
@@ -166,11 +167,8 @@ std::map<GoogleConsentType, ConsentStatus> GoogleConsentModeHelper::consentStatu
     if (!ids || ids->empty()) continue;
     bool allGranted = true;
     for (std::int64_t id : *ids) {
-      const ConsentStatus complianceDefault =
-          UserDefaultManager::getComplianceType() == ComplianceType::optIn ? ConsentStatus::declined
-                                                                           : ConsentStatus::granted;
-      if (UserDefaultManager::getPurposeConsent(std::to_string(id), complianceDefault) !=
-          ConsentStatus::granted) {
+      if (UserDefaultManager::getPurposeConsent(
+              std::to_string(id), PurposeManager::complianceDefault()) != ConsentStatus::granted) {
         allGranted = false;
       }
     }

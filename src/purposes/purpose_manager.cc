@@ -35,6 +35,15 @@ std::string describe(const std::vector<PurposeConsent>& consents) {
 
 }  // namespace
 
+ConsentStatus PurposeManager::complianceDefault() {
+  return UserDefaultManager::getComplianceType() == ComplianceType::optIn ? ConsentStatus::declined
+                                                                          : ConsentStatus::granted;
+}
+
+bool PurposeManager::trackingAuthorized() {
+  return currentPlatform()->trackingAuthorizationStatus() == kTrackingAuthorized;
+}
+
 PurposeManager::PurposeManager(const std::optional<std::vector<Purpose>>& purposes,
                                std::optional<bool> isATTEnabled, std::optional<ATTConfig> attConfig)
     : purposes_(purposes ? &*purposes : nullptr),
@@ -43,16 +52,13 @@ PurposeManager::PurposeManager(const std::optional<std::vector<Purpose>>& purpos
 
 PurposeManager::Evaluation PurposeManager::currentConsent(const Purpose& purpose) const {
   const std::string key = std::to_string(*purpose.purposeId);
-  const ConsentStatus complianceDefault =
-      UserDefaultManager::getComplianceType() == ComplianceType::optIn ? ConsentStatus::declined
-                                                                       : ConsentStatus::granted;
   Evaluation result;
-  result.storedOrDefault = UserDefaultManager::getPurposeConsent(key, complianceDefault);
+  result.storedOrDefault = UserDefaultManager::getPurposeConsent(key, complianceDefault());
   result.current = result.storedOrDefault;
   result.trackingMapped = isATTEnabled_.value_or(false) && attConfig_ && attConfig_->purposeIds &&
                           contains(*attConfig_->purposeIds, *purpose.purposeId);
   if (!result.trackingMapped) return result;
-  const bool authorized = currentPlatform()->trackingAuthorizationStatus() == kTrackingAuthorized;
+  const bool authorized = trackingAuthorized();
   const bool stored = UserDefaultManager::getStoredConsent(key).has_value();
   const bool wasGranted = result.storedOrDefault == ConsentStatus::granted ||
                           result.storedOrDefault == ConsentStatus::withDrawn;

@@ -42,6 +42,12 @@ class PurposeManager {
   static bool updatePurposeConsent(const Purpose& purpose, ConsentStatus consent,
                                    std::string_view consentGivenType);
 
+  // The consent of a purpose nobody chose for: declined under the stored
+  // opt-in compliance type, granted otherwise.
+  static ConsentStatus complianceDefault();
+  // Whether the platform reports tracking as authorized.
+  static bool trackingAuthorized();
+
  private:
   struct Evaluation {
     ConsentStatus storedOrDefault;

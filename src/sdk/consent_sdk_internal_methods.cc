@@ -14,7 +14,6 @@ namespace {
 
 // The check interval when no options are set.
 constexpr std::chrono::seconds kDefaultCheckInterval{1800};
-constexpr int kTrackingAuthorized = 3;
 
 // The values of an upload that come from the platform, read on the host's
 // main thread.
@@ -142,8 +141,7 @@ void ConsentSDK::Impl::prefillDefaultValues(const std::shared_ptr<const MainConf
   if (!banner->recordConsentUponAppStart.value_or(false) && !flag) return;
   const ComplianceType compliance = *banner->complianceType;
   const std::int64_t now = detail::currentTimeSeconds();
-  const bool trackingAuthorized =
-      currentPlatform()->trackingAuthorizationStatus() == kTrackingAuthorized;
+  const bool trackingAuthorized = detail::PurposeManager::trackingAuthorized();
 
   std::vector<PurposeConsent> purposeConsents;
   detail::PurposeManager purposeManager(config->purposes, config->isATTEnabled, config->attConfig);

@@ -32,10 +32,8 @@ std::optional<std::string> anyValue(const std::map<std::string, std::string>& va
 void ConsentSDK::removeConsents() { UserDefaultManager::removeAllConsents(); }
 
 ConsentStatus ConsentSDK::get(std::int64_t purposeId) {
-  const ConsentStatus complianceDefault =
-      UserDefaultManager::getComplianceType() == ComplianceType::optIn ? ConsentStatus::declined
-                                                                       : ConsentStatus::granted;
-  return UserDefaultManager::getPurposeConsent(std::to_string(purposeId), complianceDefault);
+  return UserDefaultManager::getPurposeConsent(std::to_string(purposeId),
+                                               detail::PurposeManager::complianceDefault());
 }
 
 ConsentStatus ConsentSDK::get(const LumariKey& lumariKey) {
