@@ -115,21 +115,20 @@ TEST_F(CheckCycleTest, PrefillUploadsTheDefaultsOfAUserWhoHasNotChosen) {
   EXPECT_EQ(UserDefaultManager::getComplianceType(), ComplianceType::optIn);
 }
 
-TEST_F(CheckCycleTest, ExplicitChoiceIsUploadedAtTheNextTick) {
+TEST_F(CheckCycleTest, ExplicitChoicesAreReportedWithinSecondsAndOnce) {
   setupThroughPrefill();
   auto purposes = sdk_->getPurposeConsents();
   auto analytics = std::find_if(purposes.begin(), purposes.end(),
                                 [](const Purpose& p) { return p.purposeId == 2; });
   ASSERT_NE(analytics, purposes.end());
   EXPECT_EQ(analytics->consentStatus, ConsentStatus::declined);
+  // A burst of choices is one upload, two seconds after the first.
+  ASSERT_TRUE(sdk_->set(*analytics, ConsentStatus::granted));
+  clock_->advance(std::chrono::seconds(1));
   ASSERT_TRUE(sdk_->set(*analytics, ConsentStatus::granted));
   EXPECT_EQ(sdk_->get(2), ConsentStatus::granted);
-  // The companion UI marks the change in the host's own store.
-  scoped_.platform().setStandardPreference("ARE_PURPOSES_CHANGED", true);
-
-  clock_->advance(std::chrono::seconds(119));
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(app_.requestCount(), 1u);  // not yet: the interval is 120 s
+  EXPECT_EQ(app_.requestCount(), 1u);
   clock_->advance(std::chrono::seconds(1));
   ASSERT_TRUE(eventually([&] { return app_.requestCount() == 2; })) << log_.text();
   PostConsentsRequest body = upload(1);
@@ -138,6 +137,9 @@ TEST_F(CheckCycleTest, ExplicitChoiceIsUploadedAtTheNextTick) {
   EXPECT_EQ(body.purposeConsents[0].purposeID, 2);
   EXPECT_EQ(body.purposeConsents[0].consentStatus, ConsentStatus::granted);
   ASSERT_TRUE(eventually([&] { return UserDefaultManager::getPendingPurposes().empty(); }));
+  // Reported: later checks have nothing to send.
+  for (int i = 0; i < 10; ++i) sdk_->checkConsents();
+  EXPECT_EQ(app_.requestCount(), 2u);
 }
 
 TEST_F(CheckCycleTest, UploadResponses) {

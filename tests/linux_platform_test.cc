@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <map>
 
@@ -91,7 +93,9 @@ TEST(LinuxPlatformTest, DataDirectory) {
   }
   {
     ScopedEnvironment env({{"XDG_DATA_HOME", std::nullopt}, {"HOME", std::nullopt}});
-    EXPECT_TRUE(LinuxPlatform({"a", {}, {}, {}}).applicationSupportDirectory().empty());
+    // Services started with an empty environment: the password database.
+    EXPECT_EQ(LinuxPlatform({"a", {}, {}, {}}).applicationSupportDirectory(),
+              std::filesystem::path(getpwuid(getuid())->pw_dir) / ".local/share/a");
   }
 }
 

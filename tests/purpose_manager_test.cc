@@ -195,6 +195,8 @@ TEST_F(PurposeManagerTest, CheckReportsPendingPurposes) {
   UserDefaultManager::addPendingPurpose(2);
   UserDefaultManager::addPendingPurpose(3);
   UserDefaultManager::setInt64(keys::kPurposesChangeTimestamp, 1704067200);
+  // A host that keeps its own standard store decides what a change is.
+  scoped_.platform().setStandardPreference("ARE_PURPOSES_CHANGED", false);
   OwnedPurposeManager manager(
       std::vector{purpose(1), purpose(2, "", true), purpose(3), purpose(std::nullopt)}, false,
       std::nullopt);

@@ -7,6 +7,7 @@
 #include <regex>
 #include <thread>
 
+#include "pactivo/consent_sdk.h"
 #include "pactivo/user_default_manager.h"
 #include "persistence/preference_store.h"
 #include "support/test_support.h"
@@ -301,16 +302,37 @@ TEST_F(UserDefaultManagerTest, CorruptSuiteIsMovedAsideNotWiped) {
   EXPECT_EQ(UserDefaultManager::getString("k", ""), "again");
 }
 
-TEST(UserDefaultManagerDeathTest, UnopenableSuiteStopsTheProcess) {
+TEST(UnopenableSuiteTest, LeavesTheHostRunningWithNothingStored) {
   testing::TempDir dir;
   std::filesystem::path blocker = dir.path() / "file";
   std::ofstream(blocker) << "not a directory";
-  EXPECT_DEATH(
-      {
-        installPlatform(std::make_shared<testing::FakePlatform>(blocker / "data"));
-        UserDefaultManager::getBool("x");
-      },
-      "Could not create or access UserDefaults suite: tessarin-cmp-sdk");
+  testing::LogCapture log;
+  installPlatform(std::make_shared<testing::FakePlatform>(blocker / "data"));
+  {
+    ConsentSDK sdk;
+    sdk.setup(ConsentSDKOptions("http://127.0.0.1:9/", "http://127.0.0.1:9/", "t", "a", false,
+                                LogLevel::debug, 60, std::nullopt, "en", "DE", {{}, {}}));
+    EXPECT_FALSE(UserDefaultManager::isAvailable());
+    EXPECT_EQ(sdk.getStatus(), SDKStatus::unavailable);
+    EXPECT_TRUE(sdk.getPurposeConsents().empty());
+    Purpose purpose;
+    purpose.purposeId = 1;
+    EXPECT_FALSE(sdk.set(purpose, ConsentStatus::granted));
+    EXPECT_EQ(sdk.get(1), ConsentStatus::granted);
+    UserDefaultManager::setString("k", "v");
+    EXPECT_EQ(UserDefaultManager::getString("k", "default"), "default");
+  }
+  const auto messages = log.messages();
+  EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
+                          [](const std::string& m) {
+                            return m.find("[ERROR]") != std::string::npos &&
+                                   m.find(
+                                       "Could not create or access UserDefaults suite: "
+                                       "tessarin-cmp-sdk") != std::string::npos;
+                          }),
+            1)
+      << log.text();
+  installPlatform(nullptr);
 }
 
 }  // namespace

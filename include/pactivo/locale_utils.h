@@ -17,7 +17,9 @@ class PACTIVO_EXPORT LocaleUtils {
  public:
   LocaleUtils() = delete;
 
-  // The platform's most preferred language ("en-GB").
+  // The platform's most preferred language ("en-GB"); "" (logged at error)
+  // when the platform lists none, which leaves the library unavailable unless
+  // the host sets a language in its options.
   static std::string preferredLanguage();
 
   // The language code in force: until set, the part of preferredLanguage()

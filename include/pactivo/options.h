@@ -30,7 +30,9 @@ class PACTIVO_EXPORT WebViewConfig {
 //
 // The constructor normalises what it is given: an interval below 60 seconds is
 // stored as 60, a language code is lower-cased, and `mode` is `draft` in
-// testing mode and `live` otherwise.
+// testing mode and `live` otherwise. The fields stay writable; setup applies
+// the same rules to its own copy, so they hold whatever was written after
+// construction (`mode` always follows `testingMode`).
 class PACTIVO_EXPORT ConsentSDKOptions {
  public:
   ConsentSDKOptions(std::string appUrl, std::string cdnUrl, std::string tenantId, std::string appId,

@@ -126,7 +126,11 @@ class PACTIVO_EXPORT Platform {
   // ---- Host integration ----
 
   // A boolean of the host's own (standard) preference store, which the
-  // library reads but never writes; false when absent.
+  // library reads but never writes. By default there is no such store: the
+  // library stands in for the companion UI that would keep it, and answers
+  // "ARE_PURPOSES_CHANGED" as true while purpose choices are waiting to be
+  // reported (so the next check uploads them), every other key as false.
+  // Override it to take the flags over.
   virtual bool standardPreferenceBool(const std::string& key) const;
 
   // Receives Google Consent Mode signals ("analytics_storage" -> "granted" or
@@ -144,15 +148,22 @@ class PACTIVO_EXPORT Platform {
 //
 // Data lives in `dataDirectory` when given, else in
 // $XDG_DATA_HOME/<applicationName> or ~/.local/share/<applicationName>, where
-// the application name defaults to the program's name. Languages come from
+// the application name defaults to the program's name and the home directory
+// is $HOME, else the user's entry in the password database (services started
+// with an empty environment have neither variable). Languages come from
 // LANGUAGE, LC_ALL, LC_MESSAGES and LANG ("de_DE.UTF-8" reads as "de-DE",
 // "C" and "POSIX" as "en"). The device name is the pretty host name when the
-// system has one, else the host name. There is no advertising identifier,
-// tracking is never authorized, the information dictionary is
-// `infoDictionary`, main-thread work runs inline on the calling thread, and
-// messages are not translated.
+// system has one, else the host name. There is no advertising identifier and
+// tracking is never authorized (status 0), so purposes mapped to tracking are
+// declined and uploads carry no advertising identifier; the information
+// dictionary is `infoDictionary`, main-thread work runs inline on the calling
+// thread, messages are not translated, and the standard store is the
+// default one of Platform::standardPreferenceBool().
 //
-// Derive from it to change one facility and keep the others.
+// Derive from it to change one facility and keep the others (override
+// trackingAuthorizationStatus() and advertisingIdentifier() on a device that
+// has an advertising identifier, standardPreferenceBool() to take over the
+// change flags).
 class PACTIVO_EXPORT LinuxPlatform : public Platform {
  public:
   // Every member has a default, so a host names only what it changes:

@@ -13,9 +13,13 @@
 // between operations beyond that: the last writer wins, and a pending-list
 // add racing another add may lose one entry.
 //
-// A suite that cannot be created or opened stops the process with
-// "Could not create or access UserDefaults suite: tessarin-cmp-sdk". A file
-// that is not a usable database is moved aside and replaced by a new suite.
+// A suite that cannot be created or opened (a read-only or missing data
+// directory) is logged once at error as "Could not create or access
+// UserDefaults suite: tessarin-cmp-sdk"; the library then runs with nothing
+// stored: reads give their defaults, writes do nothing, ConsentSDK stays
+// unavailable. A file that is not a usable database is moved aside and
+// replaced by a new suite. Another process holding the file for a moment is
+// waited out (up to five seconds), not taken for a failure.
 #ifndef PACTIVO_USER_DEFAULT_MANAGER_H_
 #define PACTIVO_USER_DEFAULT_MANAGER_H_
 
@@ -83,6 +87,10 @@ struct PreferenceEntry {
 class PACTIVO_EXPORT UserDefaultManager {
  public:
   UserDefaultManager() = delete;
+
+  // Whether the suite is open (opening it now if it was not). False for the
+  // life of the process once opening failed.
+  static bool isAvailable();
 
   // Generic typed access.
   static std::string getString(std::string_view key, std::string_view defaultValue);

@@ -97,6 +97,23 @@ std::vector<AppPermission> PermissionManager::getPermissions() {
   return ordered;
 }
 
+void PermissionManager::recordConsent(PreferenceWriter& writer, const LumariKey& key,
+                                      ConsentStatus consent, std::string_view consentGivenType) {
+  const ConsentStatus stored =
+      writer.getConsent(key.rawValue()).value_or(ConsentStatus::notDetermined);
+  if (stored != consent) {
+    if (wasGranted(stored) && consent == ConsentStatus::declined)
+      consent = ConsentStatus::withDrawn;
+    writer.setBool(keys::kArePermissionsChanged, true);
+    writer.setInt64(keys::kPermissionsChangeTimestamp, currentTimeSeconds());
+  }
+  if (consentGivenType != kConsentNoAction) {
+    writer.setString(keys::kConsentGivenType, consentGivenType);
+  }
+  writer.addPendingPermission(key);
+  writer.setConsent(key.rawValue(), consent);
+}
+
 bool PermissionManager::updatePermissionConsent(const AppPermission& permission,
                                                 ConsentStatus consent,
                                                 std::string_view consentGivenType) {
@@ -104,20 +121,10 @@ bool PermissionManager::updatePermissionConsent(const AppPermission& permission,
   const LumariKey& key = *permission.permissionId;
   // A permission's consent is what the platform reports, nothing else.
   if (getConsentByPermission(key) != consent) return false;
-  const ConsentStatus stored =
-      UserDefaultManager::getPermissionConsent(key, ConsentStatus::notDetermined);
-  if (stored != consent) {
-    if (wasGranted(stored) && consent == ConsentStatus::declined)
-      consent = ConsentStatus::withDrawn;
-    UserDefaultManager::setBool(keys::kArePermissionsChanged, true);
-    UserDefaultManager::setInt64(keys::kPermissionsChangeTimestamp, currentTimeSeconds());
-  }
-  if (consentGivenType != kConsentNoAction) {
-    UserDefaultManager::setString(keys::kConsentGivenType, consentGivenType);
-  }
-  UserDefaultManager::addPendingPermission(key);
-  UserDefaultManager::setPermissionConsent(key, consent);
-  return true;
+  return updatePreferences(key.rawValue(), [&](PreferenceWriter& writer) {
+    recordConsent(writer, key, consent, consentGivenType);
+    return true;
+  });
 }
 
 }  // namespace pactivo::detail

@@ -9,6 +9,7 @@
 
 #include "pactivo/configuration.h"
 #include "pactivo/consent_records.h"
+#include "persistence/preference_writer.h"
 
 namespace pactivo::detail {
 
@@ -38,9 +39,14 @@ class PermissionManager {
   // The consent the platform reports for `key`. Never blocks.
   static ConsentStatus getConsentByPermission(const LumariKey& key);
 
-  // Records `consent` only when it is what the platform reports.
+  // Records `consent` only when it is what the platform reports; its flags,
+  // time and pending entry commit with it, or (false) nothing does.
   static bool updatePermissionConsent(const AppPermission& permission, ConsentStatus consent,
                                       std::string_view consentGivenType);
+  // The writes of updatePermissionConsent() for a consent the platform
+  // reports, inside a transaction the caller holds.
+  static void recordConsent(PreferenceWriter& writer, const LumariKey& key, ConsentStatus consent,
+                            std::string_view consentGivenType);
 
  private:
   const std::vector<AppPermission>* const permissions_;  // null when absent

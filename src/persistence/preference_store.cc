@@ -13,6 +13,7 @@
 #include <ctime>
 #include <map>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "pactivo/logger.h"
@@ -41,6 +42,13 @@ constexpr int kBusyTimeoutMs = 5000;
 bool isUnusableFile(int code) {
   int primary = code & 0xff;
   return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+// Another process holding the file for a moment (creating it, switching it
+// to WAL, recovering its WAL index) is no reason to give up.
+bool isTransientLock(int code) {
+  int primary = code & 0xff;
+  return primary == SQLITE_BUSY || primary == SQLITE_LOCKED;
 }
 
 std::string sqliteError(sqlite3* db, int code) {
@@ -180,9 +188,10 @@ PreferenceStore::~PreferenceStore() {
 
 int PreferenceStore::initialise(std::string* error) {
   sqlite3_busy_timeout(db_, kBusyTimeoutMs);
-  // WAL with synchronous=NORMAL: a committed write survives the process
-  // being killed, and a write costs one append instead of two fsyncs.
-  for (const char* sql : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=NORMAL", kSchema}) {
+  // WAL with synchronous=FULL: a committed write survives the process being
+  // killed and the power being cut (set-top boxes are switched off at the
+  // wall), at the price of one sync of the log per commit.
+  for (const char* sql : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=FULL", kSchema}) {
     int code = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
     if (code != SQLITE_OK) {
       *error = sqliteError(db_, code);
@@ -226,32 +235,39 @@ PreferenceStore::OpenResult PreferenceStore::open(const std::filesystem::path& d
     return result;
   }
   const std::filesystem::path file = directory / kFileName;
-  for (int attempt = 0; attempt < 2; ++attempt) {
+  const auto giveUpAt =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+  bool movedAside = false;
+  for (int attempt = 1;; ++attempt) {
     sqlite3* db = nullptr;
     int code =
         sqlite3_open_v2(file.c_str(), &db,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-    if (code != SQLITE_OK) {
-      result.error = sqliteError(db, code);
-      sqlite3_close_v2(db);
-      return result;
-    }
-    std::unique_ptr<PreferenceStore> store(new PreferenceStore(db, file));
     std::string error;
-    code = store->initialise(&error);
-    if (code == SQLITE_OK) {
-      result.store = std::move(store);
-      return result;
+    if (code != SQLITE_OK) {
+      error = sqliteError(db, code);
+      sqlite3_close_v2(db);
+    } else {
+      std::unique_ptr<PreferenceStore> store(new PreferenceStore(db, file));
+      code = store->initialise(&error);
+      if (code == SQLITE_OK) {
+        result.store = std::move(store);
+        return result;
+      }
     }
-    store.reset();
-    if (!isUnusableFile(code) || attempt > 0) {
+    if (isTransientLock(code) && std::chrono::steady_clock::now() < giveUpAt) {
+      // Staggered, so that processes started together do not retry in step.
+      std::this_thread::sleep_for(std::chrono::milliseconds(2 + attempt % 7 + ::getpid() % 5));
+      continue;
+    }
+    if (!isUnusableFile(code) || movedAside) {
       result.error = error;
       return result;
     }
+    movedAside = true;
     result.movedAsidePath = movedAsideName(file);
     moveAside(file, result.movedAsidePath);
   }
-  return result;
 }
 
 int64_t PreferenceStore::dataVersion() {
@@ -317,44 +333,93 @@ int PreferenceStore::loadAll() {
   return SQLITE_OK;
 }
 
+int PreferenceStore::writeRow(std::string_view key, const PreferenceValue* value) {
+  sqlite3_stmt* stmt = value != nullptr ? upsert_ : delete_;
+  sqlite3_bind_text(stmt, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+  if (value != nullptr) bindValue(stmt, *value);
+  int code = sqlite3_step(stmt);
+  sqlite3_reset(stmt);
+  sqlite3_clear_bindings(stmt);
+  if (code != SQLITE_DONE) return code;
+  // Our own commit does not move data_version, so the copy stays current.
+  auto it = rows_.find(key);
+  if (value == nullptr) {
+    if (it != rows_.end()) rows_.erase(it);
+  } else if (it != rows_.end()) {
+    it->second = *value;
+  } else {
+    rows_.emplace(std::string(key), *value);
+  }
+  return SQLITE_OK;
+}
+
 bool PreferenceStore::put(std::string_view key, PreferenceValue value, std::string* error) {
   operations_.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard lock(mutex_);
   refreshIfChanged();
-  sqlite3_bind_text(upsert_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-  bindValue(upsert_, value);
-  int code = sqlite3_step(upsert_);
-  sqlite3_reset(upsert_);
-  sqlite3_clear_bindings(upsert_);
-  if (code != SQLITE_DONE) {
-    *error = sqliteError(db_, code);
-    return false;
-  }
-  // Our own commit does not move data_version, so the copy stays current.
-  auto it = rows_.find(key);
-  if (it != rows_.end()) {
-    it->second = std::move(value);
-  } else {
-    rows_.emplace(std::string(key), std::move(value));
-  }
-  return true;
+  int code = writeRow(key, &value);
+  if (code != SQLITE_OK) *error = sqliteError(db_, code);
+  return code == SQLITE_OK;
 }
 
 bool PreferenceStore::remove(std::string_view key, std::string* error) {
   operations_.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard lock(mutex_);
   refreshIfChanged();
-  sqlite3_bind_text(delete_, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-  int code = sqlite3_step(delete_);
-  sqlite3_reset(delete_);
-  sqlite3_clear_bindings(delete_);
-  if (code != SQLITE_DONE) {
+  int code = writeRow(key, nullptr);
+  if (code != SQLITE_OK) *error = sqliteError(db_, code);
+  return code == SQLITE_OK;
+}
+
+const PreferenceValue* PreferenceStore::Transaction::find(std::string_view key) const {
+  auto it = store_.rows_.find(key);
+  return it == store_.rows_.end() ? nullptr : &it->second;
+}
+
+void PreferenceStore::Transaction::put(std::string_view key, PreferenceValue value) {
+  if (failure_ == SQLITE_OK) failure_ = store_.writeRow(key, &value);
+}
+
+void PreferenceStore::Transaction::remove(std::string_view key) {
+  if (failure_ == SQLITE_OK) failure_ = store_.writeRow(key, nullptr);
+}
+
+bool PreferenceStore::update(const std::function<bool(Transaction&)>& body, std::string* error) {
+  operations_.fetch_add(1, std::memory_order_relaxed);
+  std::lock_guard lock(mutex_);
+  // IMMEDIATE takes the write lock now (waiting out other writers), so the
+  // rows read below are the latest and stay so until the commit.
+  int code = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+  if (code != SQLITE_OK) {
     *error = sqliteError(db_, code);
     return false;
   }
-  auto it = rows_.find(key);
-  if (it != rows_.end()) rows_.erase(it);
-  return true;
+  refreshIfChanged();
+  Transaction transaction(*this);
+  const bool wanted = body(transaction);
+  code = transaction.failure_;
+  if (wanted && code == SQLITE_OK) {
+    code = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+    if (code == SQLITE_OK) return true;
+  }
+  if (code != SQLITE_OK) *error = sqliteError(db_, code);
+  sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  // The copy holds the abandoned writes: read it back from the file.
+  loadAll();
+  return false;
+}
+
+int PreferenceStore::synchronousLevel() {
+  std::lock_guard lock(mutex_);
+  int level = -1;
+  sqlite3_exec(
+      db_, "PRAGMA synchronous",
+      [](void* out, int, char** values, char**) {
+        *static_cast<int*>(out) = values[0] != nullptr ? std::atoi(values[0]) : -1;
+        return 0;
+      },
+      &level, nullptr);
+  return level;
 }
 
 bool PreferenceStore::removeAll(std::string* error) {
@@ -385,6 +450,7 @@ namespace {
 struct StoreRegistry {
   std::mutex mutex;
   std::shared_ptr<PreferenceStore> store;  // guarded by mutex
+  bool failed = false;                     // guarded by mutex: opening failed
 };
 
 StoreRegistry& registry() {
@@ -394,33 +460,31 @@ StoreRegistry& registry() {
   return *instance;
 }
 
-[[noreturn]] void failToOpen(const std::string& reason) {
-  std::string message = "Could not create or access UserDefaults suite: ";
-  message += kPreferenceSuiteName;
-  std::fprintf(stderr, "%s\n", message.c_str());
-  std::fprintf(stderr, "(%s)\n", reason.c_str());
-  std::fflush(stderr);
-  std::abort();
-}
-
 }  // namespace
 
 std::shared_ptr<PreferenceStore> currentStore() {
   StoreRegistry& r = registry();
   std::filesystem::path movedAside;
+  std::string failure;
   std::shared_ptr<PreferenceStore> store;
   {
     std::lock_guard lock(r.mutex);
-    if (!r.store) {
+    if (!r.store && !r.failed) {
       auto result = PreferenceStore::open(currentPlatform()->applicationSupportDirectory());
-      if (!result.store) failToOpen(result.error);
+      r.failed = !result.store;
       r.store = std::move(result.store);
       movedAside = std::move(result.movedAsidePath);
+      failure = std::move(result.error);
     }
     store = r.store;
   }
+  // Logged outside the registry lock: the logger reads the store.
+  if (!failure.empty()) {
+    SDKLogger::shared().log(std::string("Could not create or access UserDefaults suite: ") +
+                                std::string(kPreferenceSuiteName) + " (" + failure + ")",
+                            LogLevel::error, "currentStore()");
+  }
   if (!movedAside.empty()) {
-    // Logged outside the registry lock: the logger reads the store.
     SDKLogger::shared().log("Preference suite was unreadable; moved it to " + movedAside.string() +
                                 " and created a new one",
                             LogLevel::error, "currentStore()");
@@ -433,6 +497,7 @@ void resetCurrentStore() {
   std::shared_ptr<PreferenceStore> old;
   std::lock_guard lock(r.mutex);
   old.swap(r.store);
+  r.failed = false;
 }
 
 }  // namespace pactivo::detail

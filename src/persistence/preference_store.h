@@ -58,6 +58,29 @@ class PreferenceStore {
     return reader(it == rows_.end() ? static_cast<const PreferenceValue*>(nullptr) : &it->second);
   }
 
+  // Several reads and writes that commit together or not at all. Reads see
+  // the transaction's own writes. Only valid inside update().
+  class Transaction {
+   public:
+    const PreferenceValue* find(std::string_view key) const;
+    void put(std::string_view key, PreferenceValue value);
+    void remove(std::string_view key);
+
+   private:
+    friend class PreferenceStore;
+    explicit Transaction(PreferenceStore& store) : store_(store) {}
+    PreferenceStore& store_;
+    int failure_ = 0;  // SQLite code of the first failed write
+  };
+
+  // Runs `body` in one write transaction, which also keeps other processes'
+  // writers out until it ends, so what `body` reads cannot change before its
+  // writes land. Commits when `body` returns true and every write succeeded;
+  // otherwise every key keeps its old value. Returns whether it committed;
+  // `*error` says why not when SQLite refused (and stays empty when `body`
+  // chose to stop). `body` must not call back into the store.
+  bool update(const std::function<bool(Transaction&)>& body, std::string* error);
+
   // Stores `value` under `key`. Returns false, with the reason in `*error`,
   // when SQLite refused the write; the copy then keeps the old value.
   bool put(std::string_view key, PreferenceValue value, std::string* error);
@@ -69,6 +92,9 @@ class PreferenceStore {
   std::vector<PreferenceEntry> entries();
 
   const std::filesystem::path& path() const { return path_; }
+
+  // The connection's "PRAGMA synchronous" level (2 is FULL).
+  int synchronousLevel();
 
   // Reads and writes served since the store was opened; for measurements.
   std::uint64_t operationCount() const { return operations_.load(std::memory_order_relaxed); }
@@ -88,6 +114,9 @@ class PreferenceStore {
   int initialise(std::string* error);
   void refreshIfChanged();
   int loadAll();
+  // Runs the upsert or delete statement for one key and mirrors it in the
+  // copy; the SQLite code.
+  int writeRow(std::string_view key, const PreferenceValue* value);
   int64_t dataVersion();
   void mapWalIndex();
 
@@ -119,9 +148,11 @@ class PreferenceStore {
   Rows rows_;
 };
 
-// The suite of the current platform, opened on first use. Stops the process
-// when it cannot be opened. The result stays usable while held, even if the
-// platform changes meanwhile.
+// The suite of the current platform, opened on first use; null when it cannot
+// be opened. That failure is logged once and lasts until resetCurrentStore():
+// without its suite the library runs with nothing stored rather than take the
+// host down with it. The result stays usable while held, even if the platform
+// changes meanwhile.
 std::shared_ptr<PreferenceStore> currentStore();
 
 // Closes the current suite; the next currentStore() opens the suite of the

@@ -1,10 +1,8 @@
 #include "pactivo/user_default_manager.h"
 
-#include <set>
-#include <unordered_set>
-
 #include "pactivo/logger.h"
 #include "persistence/preference_store.h"
+#include "persistence/preference_writer.h"
 #include "platform/uuid.h"
 
 namespace pactivo {
@@ -19,19 +17,29 @@ void reportWriteFailure(std::string_view key, const std::string& error) {
                           LogLevel::error, "UserDefaultManager");
 }
 
+// Without a suite nothing is stored and every read gives its default.
 void put(std::string_view key, PreferenceValue value) {
+  auto store = currentStore();
   std::string error;
-  if (!currentStore()->put(key, std::move(value), &error)) reportWriteFailure(key, error);
+  if (store && !store->put(key, std::move(value), &error)) reportWriteFailure(key, error);
 }
 
 void remove(std::string_view key) {
+  auto store = currentStore();
   std::string error;
-  if (!currentStore()->remove(key, &error)) reportWriteFailure(key, error);
+  if (store && !store->remove(key, &error)) reportWriteFailure(key, error);
+}
+
+template <typename Reader>
+auto read(std::string_view key, Reader&& reader) {
+  auto store = currentStore();
+  if (!store) return reader(nullptr);
+  return store->read(key, std::forward<Reader>(reader));
 }
 
 template <typename T>
 std::optional<T> readAs(std::string_view key) {
-  return currentStore()->read(key, [](const PreferenceValue* value) -> std::optional<T> {
+  return read(key, [](const PreferenceValue* value) -> std::optional<T> {
     if (value == nullptr) return std::nullopt;
     if (const T* typed = std::get_if<T>(value)) return *typed;
     return std::nullopt;
@@ -41,7 +49,7 @@ std::optional<T> readAs(std::string_view key) {
 // Numbers and booleans are one kind of value to typed reads, as in a
 // property list.
 std::optional<std::int64_t> readNumber(std::string_view key) {
-  return currentStore()->read(key, [](const PreferenceValue* value) -> std::optional<int64_t> {
+  return read(key, [](const PreferenceValue* value) -> std::optional<int64_t> {
     if (value == nullptr) return std::nullopt;
     if (const auto* number = std::get_if<std::int64_t>(value)) return *number;
     if (const auto* flag = std::get_if<bool>(value)) return *flag ? 1 : 0;
@@ -50,49 +58,26 @@ std::optional<std::int64_t> readNumber(std::string_view key) {
 }
 
 std::optional<ConsentStatus> readConsent(std::string_view key) {
-  return currentStore()->read(key,
-                              [](const PreferenceValue* value) -> std::optional<ConsentStatus> {
-                                if (value == nullptr) return std::nullopt;
-                                const auto* text = std::get_if<std::string>(value);
-                                if (text == nullptr) return std::nullopt;
-                                return fromRawValue<ConsentStatus>(*text);
-                              });
+  return read(key, [](const PreferenceValue* value) { return detail::consentValue(value); });
 }
 
-// A list with an element of the wrong type reads as empty.
-template <typename T>
-std::vector<T> readList(std::string_view key) {
-  return currentStore()->read(key, [](const PreferenceValue* value) {
-    std::vector<T> list;
-    if (value == nullptr) return list;
-    const auto* elements = std::get_if<std::vector<PreferenceArrayElement>>(value);
-    if (elements == nullptr) return list;
-    list.reserve(elements->size());
-    for (const auto& element : *elements) {
-      const T* typed = std::get_if<T>(&element);
-      if (typed == nullptr) return std::vector<T>{};
-      list.push_back(*typed);
-    }
-    return list;
-  });
-}
-
-template <typename T>
-void storeList(std::string_view key, const std::vector<T>& list) {
-  put(key, std::vector<PreferenceArrayElement>(list.begin(), list.end()));
-}
-
-template <typename T>
-void addToList(std::string_view key, T element) {
-  std::vector<T> list = readList<T>(key);
-  // A set, like the lists' first writer, keeps each entry once; the order
-  // carries no meaning.
-  std::set<T> unique(list.begin(), list.end());
-  unique.insert(std::move(element));
-  storeList(key, std::vector<T>(unique.begin(), unique.end()));
+void addToList(std::string_view key, PreferenceArrayElement element) {
+  auto store = currentStore();
+  if (!store) return;
+  std::string error;
+  // Read and written in one transaction, so that two adds do not lose one.
+  store->update(
+      [&](detail::PreferenceStore::Transaction& transaction) {
+        transaction.put(key, detail::withElement(transaction.find(key), std::move(element)));
+        return true;
+      },
+      &error);
+  if (!error.empty()) reportWriteFailure(key, error);
 }
 
 }  // namespace
+
+bool UserDefaultManager::isAvailable() { return currentStore() != nullptr; }
 
 std::string UserDefaultManager::getString(std::string_view key, std::string_view defaultValue) {
   auto value = readAs<std::string>(key);
@@ -142,27 +127,27 @@ ConsentStatus UserDefaultManager::getPermissionConsent(const LumariKey& key,
 }
 
 std::vector<std::int64_t> UserDefaultManager::getPendingPurposes() {
-  return readList<std::int64_t>(keys::kPendingPurposesList);
+  return read(keys::kPendingPurposesList, detail::integerList);
 }
 
 void UserDefaultManager::addPendingPurpose(std::int64_t purposeId) {
-  addToList<std::int64_t>(keys::kPendingPurposesList, purposeId);
+  addToList(keys::kPendingPurposesList, purposeId);
 }
 
 void UserDefaultManager::clearPendingPurposes() {
-  storeList(keys::kPendingPurposesList, std::vector<std::int64_t>{});
+  put(keys::kPendingPurposesList, std::vector<PreferenceArrayElement>{});
 }
 
 std::vector<std::string> UserDefaultManager::getPendingPermissions() {
-  return readList<std::string>(keys::kPendingPermissionsList);
+  return read(keys::kPendingPermissionsList, detail::textList);
 }
 
 void UserDefaultManager::addPendingPermission(const LumariKey& key) {
-  addToList<std::string>(keys::kPendingPermissionsList, std::string(key.rawValue()));
+  addToList(keys::kPendingPermissionsList, std::string(key.rawValue()));
 }
 
 void UserDefaultManager::clearPendingPermissions() {
-  storeList(keys::kPendingPermissionsList, std::vector<std::string>{});
+  put(keys::kPendingPermissionsList, std::vector<PreferenceArrayElement>{});
 }
 
 std::string UserDefaultManager::getSubjectId() {
@@ -218,12 +203,16 @@ void UserDefaultManager::clearETag() { remove(keys::kEtag); }
 
 void UserDefaultManager::removeAllConsents() {
   // Every key, identity and cache bookkeeping included, in one transaction.
+  auto store = currentStore();
   std::string error;
-  if (!currentStore()->removeAll(&error)) reportWriteFailure("(all keys)", error);
+  if (store && !store->removeAll(&error)) reportWriteFailure("(all keys)", error);
   SDKLogger::shared().log("Successfully removed all consents", LogLevel::info,
                           "removeAllConsents()");
 }
 
-std::vector<PreferenceEntry> UserDefaultManager::allEntries() { return currentStore()->entries(); }
+std::vector<PreferenceEntry> UserDefaultManager::allEntries() {
+  auto store = currentStore();
+  return store ? store->entries() : std::vector<PreferenceEntry>{};
+}
 
 }  // namespace pactivo

@@ -1,3 +1,4 @@
+#include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,14 +22,27 @@ std::string programName() {
   return "pactivo-host";
 }
 
+// $HOME, else the password database's entry for the user.
+std::filesystem::path homeDirectory() {
+  const char* home = std::getenv("HOME");
+  if (home != nullptr && *home != '\0') return home;
+  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
+  struct passwd entry {};
+  struct passwd* found = nullptr;
+  if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr &&
+      found->pw_dir != nullptr && *found->pw_dir == '/') {
+    return found->pw_dir;
+  }
+  return {};
+}
+
 std::filesystem::path defaultDataDirectory(const std::string& applicationName) {
   const char* xdg = std::getenv("XDG_DATA_HOME");
   if (xdg != nullptr && *xdg == '/') return std::filesystem::path(xdg) / applicationName;
-  const char* home = std::getenv("HOME");
-  if (home != nullptr && *home != '\0') {
-    return std::filesystem::path(home) / ".local" / "share" / applicationName;
-  }
-  return {};
+  std::filesystem::path home = homeDirectory();
+  if (home.empty()) return {};
+  return home / ".local" / "share" / applicationName;
 }
 
 // "de_DE.UTF-8@euro" -> "de-DE"; "C" and "POSIX" -> "en".

@@ -3,6 +3,7 @@
 #include <mutex>
 #include <utility>
 
+#include "pactivo/user_default_manager.h"
 #include "persistence/preference_store.h"
 
 namespace pactivo {
@@ -35,7 +36,10 @@ std::optional<int> Platform::bluetoothAuthorization() const { return std::nullop
 std::optional<int> Platform::speechRecognitionAuthorizationStatus() const { return std::nullopt; }
 std::optional<int> Platform::homeKitAuthorizationStatus() const { return std::nullopt; }
 void Platform::requestNotificationAuthorizationStatus(std::function<void(int)>) const {}
-bool Platform::standardPreferenceBool(const std::string&) const { return false; }
+bool Platform::standardPreferenceBool(const std::string& key) const {
+  // No companion UI keeps this flag here: the library stands in for it.
+  return key == keys::kArePurposesChanged && !UserDefaultManager::getPendingPurposes().empty();
+}
 Platform::ConsentModeHandler Platform::consentModeHandler() const { return {}; }
 std::unique_ptr<NetworkPathMonitor> Platform::makeNetworkPathMonitor() const { return nullptr; }
 

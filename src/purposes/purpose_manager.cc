@@ -155,28 +155,37 @@ std::vector<Purpose> PurposeManager::getPurposes() {
   return ordered;
 }
 
-bool PurposeManager::updatePurposeConsent(const Purpose& purpose, ConsentStatus consent,
-                                          std::string_view consentGivenType) {
-  if (!purpose.purposeId) return false;
-  if (purpose.disableOptOut.value_or(false) && consent != ConsentStatus::granted) return false;
-  if (consent == ConsentStatus::notDetermined) return false;
+bool PurposeManager::acceptsConsent(const Purpose& purpose, ConsentStatus consent) {
+  if (!purpose.purposeId || consent == ConsentStatus::notDetermined) return false;
+  return !purpose.disableOptOut.value_or(false) || consent == ConsentStatus::granted;
+}
 
-  const std::string key = std::to_string(*purpose.purposeId);
-  const ConsentStatus stored = UserDefaultManager::getPurposeConsent(key, consent);
+void PurposeManager::recordConsent(PreferenceWriter& writer, std::int64_t purposeId,
+                                   ConsentStatus consent, std::string_view consentGivenType) {
+  const std::string key = std::to_string(purposeId);
+  const ConsentStatus stored = writer.getConsent(key).value_or(consent);
   if (stored != consent) {
     if ((stored == ConsentStatus::granted || stored == ConsentStatus::withDrawn) &&
         consent == ConsentStatus::declined) {
       consent = ConsentStatus::withDrawn;
     }
-    UserDefaultManager::setBool(keys::kArePurposesChanged, true);
-    UserDefaultManager::setInt64(keys::kPurposesChangeTimestamp, currentTimeSeconds());
+    writer.setBool(keys::kArePurposesChanged, true);
+    writer.setInt64(keys::kPurposesChangeTimestamp, currentTimeSeconds());
   }
   if (consentGivenType != kConsentNoAction) {
-    UserDefaultManager::setString(keys::kConsentGivenType, consentGivenType);
+    writer.setString(keys::kConsentGivenType, consentGivenType);
   }
-  UserDefaultManager::addPendingPurpose(*purpose.purposeId);
-  UserDefaultManager::setPurposeConsent(key, consent);
-  return true;
+  writer.addPendingPurpose(purposeId);
+  writer.setConsent(key, consent);
+}
+
+bool PurposeManager::updatePurposeConsent(const Purpose& purpose, ConsentStatus consent,
+                                          std::string_view consentGivenType) {
+  if (!acceptsConsent(purpose, consent)) return false;
+  return updatePreferences(std::to_string(*purpose.purposeId), [&](PreferenceWriter& writer) {
+    recordConsent(writer, *purpose.purposeId, consent, consentGivenType);
+    return true;
+  });
 }
 
 }  // namespace pactivo::detail

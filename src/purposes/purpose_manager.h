@@ -9,6 +9,7 @@
 
 #include "pactivo/configuration.h"
 #include "pactivo/consent_records.h"
+#include "persistence/preference_writer.h"
 
 namespace pactivo::detail {
 
@@ -36,11 +37,19 @@ class PurposeManager {
   // tracking-mapped ones, then the rest, each group by localized name.
   std::vector<Purpose> getPurposes();
 
-  // Records a choice. Refuses (false) a purpose without id, anything but
-  // `granted` for an essential purpose, and `notDetermined`. Taking back a
+  // Records a choice: the consent, the change flag and time, the consent-given
+  // type and the pending entry commit together, or (false) nothing does.
+  // Refuses (false) a consent that acceptsConsent() refuses. Taking back a
   // granted consent is stored as `withDrawn`.
   static bool updatePurposeConsent(const Purpose& purpose, ConsentStatus consent,
                                    std::string_view consentGivenType);
+  // False for a purpose without id, for anything but `granted` for an
+  // essential purpose, and for `notDetermined`.
+  static bool acceptsConsent(const Purpose& purpose, ConsentStatus consent);
+  // The writes of updatePurposeConsent() for an accepted consent, inside a
+  // transaction the caller holds.
+  static void recordConsent(PreferenceWriter& writer, std::int64_t purposeId, ConsentStatus consent,
+                            std::string_view consentGivenType);
 
   // The consent of a purpose nobody chose for: declined under the stored
   // opt-in compliance type, granted otherwise.

@@ -7,6 +7,7 @@
 #include "pactivo/user_default_manager.h"
 #include "persistence/preference_store.h"
 #include "sdk/consent_sdk_impl.h"
+#include "sdk/options_rules.h"
 
 namespace pactivo {
 
@@ -29,23 +30,27 @@ std::optional<ConsentSDKOptions> ConsentSDK::options() const { return impl_->opt
 ConsentSDK::Impl::Impl() = default;
 
 ConsentSDK::Impl::~Impl() {
-  std::optional<ConsentSDKOptions> options = this->options();
-  // A testing run leaves no consents behind.
-  if (options && options->testingMode) UserDefaultManager::removeAllConsents();
   std::unique_ptr<detail::RepeatingTimer> timer;
+  std::unique_ptr<detail::OneShotTimer> choiceReport;
   std::unique_ptr<NetworkPathMonitor> monitor;
   {
     std::lock_guard lock(cycleMutex_);
     closing_ = true;
     timer = std::move(recurringCheckTask_);
+    choiceReport = std::move(choiceReport_);
     monitor = std::move(monitor_);
   }
-  // The timer and the monitor stop first, so no new task starts; then every
+  // The timers and the monitor stop first, so no new task starts; then every
   // task is cancelled (an HTTP transfer aborts at once) and joined.
   timer.reset();
+  choiceReport.reset();
   if (monitor) monitor->cancel();
   tasks_.shutdown();
   removeListeners();
+  // A testing run leaves no consents behind: removed only once nothing is
+  // left that could write again (a cancelled upload marks itself pending).
+  std::optional<ConsentSDKOptions> options = this->options();
+  if (options && options->testingMode) UserDefaultManager::removeAllConsents();
 }
 
 std::optional<ConsentSDKOptions> ConsentSDK::Impl::options() const {
@@ -53,11 +58,21 @@ std::optional<ConsentSDKOptions> ConsentSDK::Impl::options() const {
   return options_;
 }
 
-void ConsentSDK::Impl::setup(const ConsentSDKOptions& options) {
+bool ConsentSDK::Impl::usable() {
+  // Both failures are logged once where they are found.
+  return detail::currentStore() != nullptr && !LocaleUtils::currentLanguageCode().empty();
+}
+
+void ConsentSDK::Impl::setup(const ConsentSDKOptions& hostOptions) {
+  ConsentSDKOptions options = hostOptions;
+  detail::normaliseOptions(options);
   {
     std::lock_guard lock(mutex_);
     options_.emplace(options);
   }
+  // Without its suite the library stays unavailable and starts nothing;
+  // queries answer with their empty results.
+  if (!detail::currentStore()) return;
   const std::string lastMode =
       UserDefaultManager::getString(keys::kLastModeUsed, rawValue(options.mode));
   const bool switchedToLive = options.mode == Mode::live && lastMode == "draft";
@@ -72,6 +87,7 @@ void ConsentSDK::Impl::setup(const ConsentSDKOptions& options) {
       LocaleUtils::setCurrentLanguageCode(it->second);
     }
   }
+  if (!usable()) return;
 
   // A document cached in another language is of no use any more. Nothing is
   // stored on a first launch (and a non-string is ignored), so nothing is
@@ -93,17 +109,22 @@ void ConsentSDK::Impl::setup(const ConsentSDKOptions& options) {
   UserDefaultManager::setBool(keys::kIsBannerPresent, false);
   UserDefaultManager::getSubjectId();  // creates the identity on first launch
 
-  tasks_.start([this] { runSetupTask(); });
+  // Choices recorded by an earlier run that ended before reporting them.
+  const bool unreported = !UserDefaultManager::getPendingPurposes().empty() ||
+                          !UserDefaultManager::getPendingPermissions().empty() ||
+                          UserDefaultManager::getBool(keys::kUploadConsentRequestPending);
+  tasks_.start([this, unreported] { runSetupTask(unreported); });
 }
 
-void ConsentSDK::Impl::runSetupTask() {
-  getCDNFile();
+void ConsentSDK::Impl::runSetupTask(bool unreported) {
+  const bool available = getCDNFile() != nullptr;
   // The periodic check starts once the user has answered the banner.
   if (UserDefaultManager::getString(keys::kConsentGivenType, kConsentNoAction) !=
       kConsentNoAction) {
     startRecurringConsentCheck();
   }
   startNetworkMonitoring();
+  if (available && unreported) requestConsentCheck();
 }
 
 void ConsentSDK::Impl::isReady(std::function<void(SDKStatus)> callback) {

@@ -58,8 +58,8 @@ bool readWholeFile(const std::filesystem::path& path, std::string* contents, std
   return ok;
 }
 
-// A plain (not atomic) write, as the backup protects the previous file.
-bool writeWholeFile(const std::filesystem::path& path, std::string_view bytes, std::string* error) {
+// Writes `bytes` to `path` and syncs them to the disk.
+bool writeDurably(const std::filesystem::path& path, std::string_view bytes, std::string* error) {
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) {
     *error = std::strerror(errno);
@@ -75,11 +75,19 @@ bool writeWholeFile(const std::filesystem::path& path, std::string_view bytes, s
     }
     bytes.remove_prefix(static_cast<std::size_t>(n));
   }
-  if (::close(fd) != 0) {
+  if (::fsync(fd) != 0 || ::close(fd) != 0) {
     *error = std::strerror(errno);
     return false;
   }
   return true;
+}
+
+// Makes the renames in `directory` survive a power cut.
+void syncDirectory(const std::filesystem::path& directory) {
+  int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::fsync(fd);
+  ::close(fd);
 }
 
 }  // namespace
@@ -95,6 +103,19 @@ void ConsentSDK::Impl::removeCDNFile(const std::filesystem::path& file) {
   }
 }
 
+void ConsentSDK::Impl::discardDamagedCache() {
+  std::filesystem::path directory = currentPlatform()->applicationSupportDirectory();
+  const std::filesystem::path file = directory / kCdnFileName;
+  std::error_code ec;
+  if (!directory.empty() && std::filesystem::exists(file, ec)) {
+    readCDNFile(false);  // logs why it is unusable
+    removeCDNFile(file);
+  }
+  // Sent with the fetch, the server would answer 304 and keep a document
+  // that is no longer here.
+  if (UserDefaultManager::getETag()) UserDefaultManager::clearETag();
+}
+
 void ConsentSDK::Impl::discardCachedConfiguration() {
   std::filesystem::path directory = currentPlatform()->applicationSupportDirectory();
   if (!directory.empty()) removeCDNFile(directory / kCdnFileName);
@@ -105,7 +126,9 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::readCDNFile(bool isCa
   std::filesystem::path directory = currentPlatform()->applicationSupportDirectory();
   if (directory.empty()) return nullptr;
   const std::filesystem::path file = directory / kCdnFileName;
+  const std::filesystem::path backup = directory / kCdnBackupFileName;
   std::string error;
+  bool restored = false;
   {
     std::lock_guard lock(cacheMutex_);
     struct stat info {};
@@ -113,16 +136,34 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::readCDNFile(bool isCa
         cachedIdentity_ == FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim}) {
       return cachedDocument_;
     }
-    std::string contents;
-    if (readWholeFile(file, &contents, &error, &info)) {
+    auto decodeFile = [&](const std::filesystem::path& path) {
+      std::string contents;
+      if (!readWholeFile(path, &contents, &error, &info)) return false;
       auto decoded = decode<MainConfiguration>(contents);
-      if (decoded.ok()) {
-        cachedDocument_ = std::make_shared<const MainConfiguration>(std::move(*decoded.value));
-        cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
-        return cachedDocument_;
+      if (!decoded.ok()) {
+        error = decoded.error;
+        return false;
       }
-      error = decoded.error;
+      cachedDocument_ = std::make_shared<const MainConfiguration>(std::move(*decoded.value));
+      cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+      return true;
+    };
+    if (decodeFile(file)) return cachedDocument_;
+    // A save cut short between its two renames leaves only the backup.
+    std::string fileError = error;
+    std::error_code ec;
+    if (std::filesystem::exists(backup, ec) && decodeFile(backup)) {
+      std::filesystem::rename(backup, file, ec);
+      if (!ec && ::stat(file.c_str(), &info) == 0) {
+        cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+      }
+      restored = true;
     }
+    error = fileError;
+  }
+  if (restored) {
+    log("Backup restored to original: " + fileUrl(file), LogLevel::info, "readCDNFile(isCache:)");
+    return cachedDocument_;
   }
   if (!isCache) {
     log("Error reading or decoding CDN: " + error, LogLevel::error, "readCDNFile(isCache:)");
@@ -146,52 +187,71 @@ void ConsentSDK::Impl::saveCDNToFile(const MainConfiguration& config, const std:
   }
   const std::filesystem::path target = directory / fileName;
   const std::filesystem::path backup = directory / kCdnBackupFileName;
+  const std::filesystem::path temporary = directory / (fileName + ".tmp");
+  // Written whole and synced beside the target, then renamed over it: a
+  // kill or a power cut at any instant leaves the old document or the new
+  // one, never part of one.
+  std::string error;
+  if (!writeDurably(temporary, encode(config), &error)) {
+    log("Error saving CDN: " + error, LogLevel::error, kFunction);
+    std::filesystem::remove(temporary, ec);
+    return;
+  }
   if (std::filesystem::exists(target, ec)) {
     std::filesystem::rename(target, backup, ec);
     if (ec) {
       log("Error creating backup: " + ec.message(), LogLevel::error, kFunction);
+      std::filesystem::remove(temporary, ec);
       return;
     }
     log("Backup created: " + fileUrl(backup), LogLevel::info, kFunction);
   }
-  std::string error;
-  if (writeWholeFile(target, encode(config), &error)) {
-    // What was written decodes to `config` again, so the next read of this
-    // file needs no parse.
-    struct stat info {};
-    if (::stat(target.c_str(), &info) == 0) {
-      cachedDocument_ = std::make_shared<const MainConfiguration>(config);
-      cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+  std::filesystem::rename(temporary, target, ec);
+  if (ec) {
+    log("Error saving CDN: " + ec.message(), LogLevel::error, kFunction);
+    std::filesystem::remove(temporary, ec);
+    if (std::filesystem::exists(backup, ec)) {
+      std::filesystem::rename(backup, target, ec);
+      if (ec) {
+        log("Error restoring backup: " + ec.message(), LogLevel::error, kFunction);
+      } else {
+        log("Backup restored to original: " + fileUrl(target), LogLevel::debug, kFunction);
+      }
     }
-    if (std::filesystem::exists(backup, ec)) removeCDNFile(backup);
-    UserDefaultManager::setString(keys::kCdnFileLocation, fileUrl(target));
-    UserDefaultManager::setInt64(keys::kCdnCachedTimestamp, detail::currentTimeSeconds());
-    UserDefaultManager::setString(keys::kLanguageCode, LocaleUtils::currentLanguageCode());
-    log("CDN saved at: " + fileUrl(target), LogLevel::debug, kFunction);
     return;
   }
-  log("Error saving CDN: " + error, LogLevel::error, kFunction);
-  if (std::filesystem::exists(backup, ec)) {
-    std::filesystem::rename(backup, target, ec);
-    if (ec) {
-      log("Error restoring backup: " + ec.message(), LogLevel::error, kFunction);
-    } else {
-      log("Backup restored to original: " + fileUrl(target), LogLevel::debug, kFunction);
-    }
+  syncDirectory(directory);
+  // What was written decodes to `config` again, so the next read of this
+  // file needs no parse.
+  struct stat info {};
+  if (::stat(target.c_str(), &info) == 0) {
+    cachedDocument_ = std::make_shared<const MainConfiguration>(config);
+    cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
   }
+  if (std::filesystem::exists(backup, ec)) removeCDNFile(backup);
+  UserDefaultManager::setString(keys::kCdnFileLocation, fileUrl(target));
+  UserDefaultManager::setInt64(keys::kCdnCachedTimestamp, detail::currentTimeSeconds());
+  UserDefaultManager::setString(keys::kLanguageCode, LocaleUtils::currentLanguageCode());
+  log("CDN saved at: " + fileUrl(target), LogLevel::debug, kFunction);
 }
 
 std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
   constexpr std::string_view kFunction = "getCDNFile()";
+  if (!usable()) {
+    sdkListener->setIsReady(SDKStatus::unavailable);
+    return nullptr;
+  }
   std::shared_ptr<const MainConfiguration> result = readCDNFile(true);
   const std::int64_t now = detail::currentTimeSeconds();
   const std::int64_t stamp = UserDefaultManager::getInt64(keys::kCdnCachedTimestamp, now);
   const std::optional<ConsentSDKOptions> options = this->options();
 
+  if (!result) discardDamagedCache();
   bool fetch = false;
   if (options) {
-    // A cached document without any stored timestamp counts as fresh.
-    fetch = !result || stamp == 0 || now - stamp >= kFreshnessLimitSeconds;
+    // A cached document without any stored timestamp counts as fresh; one
+    // stamped in the future (the clock was corrected backwards) as stale.
+    fetch = !result || stamp == 0 || now - stamp >= kFreshnessLimitSeconds || stamp > now;
   }
   if (fetch) {
     sdkListener->setIsReady(SDKStatus::fetching);

@@ -42,15 +42,19 @@ class ConsentSDK::Impl {
   // none. Blocks while fetching.
   std::shared_ptr<const MainConfiguration> getCDNFile();
 
-  // The cached document, or null. `isCache` true reads quietly.
+  // The cached document, or null; a backup left by an interrupted save is
+  // used and restored. `isCache` true reads quietly.
   std::shared_ptr<const MainConfiguration> readCDNFile(bool isCache);
-  // Writes `config` to `fileName` in the data directory, keeping the previous
-  // file as a backup that is restored when the write fails.
+  // Writes `config` to `fileName` in the data directory atomically, keeping
+  // the previous file as a backup until the new one is in place.
   void saveCDNToFile(const MainConfiguration& config, const std::string& fileName);
 
   // Deletes the cached configuration file and forgets its ETag, so the next
   // fetch is unconditional.
   static void discardCachedConfiguration();
+  // Without a usable cached document: logs and removes the damaged file and
+  // forgets the ETag, so that the next fetch is unconditional.
+  void discardDamagedCache();
   static void removeCDNFile(const std::filesystem::path& file);
 
   // ---- Network calls (consent_sdk_network_apis.cc) ----
@@ -73,6 +77,15 @@ class ConsentSDK::Impl {
   void startNetworkMonitoring();
   // What a timer tick or a reconnection does: start a consent check.
   void scheduleConsentCheck();
+  // Starts a consent check, unless one is running: then that one runs once
+  // more when it ends. However many requests arrive, at most one check is in
+  // flight and at most one follows it.
+  void requestConsentCheck();
+  // Reports a choice the host just recorded: a consent check a few seconds
+  // from now, shared by every choice made until it starts.
+  void requestCheckSoon();
+  // Runs one consent check now and returns when it and its upload are done.
+  void checkConsentsNow();
   // Re-evaluates purposes and permissions and uploads what changed or is
   // still pending.
   void runConsentCheck();
@@ -114,7 +127,10 @@ class ConsentSDK::Impl {
   void cancelTask(TaskSlot slot);
 
  private:
-  void runSetupTask();
+  void runSetupTask(bool unreported);
+  // False without a preference suite or a language: the library then stays
+  // unavailable and starts nothing.
+  static bool usable();
   void applyConfiguration(const std::shared_ptr<const MainConfiguration>& document);
 
   // The last document read from disk and the identity of the file it came
@@ -134,6 +150,9 @@ class ConsentSDK::Impl {
   std::mutex cycleMutex_;
   // State below is guarded by cycleMutex_.
   std::unique_ptr<detail::RepeatingTimer> recurringCheckTask_;
+  std::unique_ptr<detail::OneShotTimer> choiceReport_;  // armed by requestCheckSoon()
+  bool checkRunning_ = false;
+  bool checkRequested_ = false;  // another check is due when the running one ends
   std::unique_ptr<NetworkPathMonitor> monitor_;
   std::optional<NetworkPathStatus> networkStatus_;
   std::map<TaskSlot, detail::TaskHandle> taskHandles_;

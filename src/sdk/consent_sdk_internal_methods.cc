@@ -5,6 +5,7 @@
 #include "pactivo/platform.h"
 #include "pactivo/user_default_manager.h"
 #include "permissions/permission_manager.h"
+#include "persistence/preference_writer.h"
 #include "platform/time.h"
 #include "purposes/purpose_manager.h"
 #include "sdk/consent_sdk_impl.h"
@@ -14,6 +15,9 @@ namespace {
 
 // The check interval when no options are set.
 constexpr std::chrono::seconds kDefaultCheckInterval{1800};
+// How long after a choice it is reported: long enough to gather a burst of
+// choices (a "reject all" in the preference centre) into one upload.
+constexpr std::chrono::seconds kChoiceReportDelay{2};
 
 // The values of an upload that come from the platform, read on the host's
 // main thread.
@@ -28,7 +32,7 @@ DeviceValues readDeviceValues() {
   auto platform = currentPlatform();
   platform->runOnMainThread([&] {
     values.device = platform->deviceName();
-    values.subjectId = UserDefaultManager::getString(keys::kSubjectId, "");
+    values.subjectId = UserDefaultManager::getSubjectId();
     if (UserDefaultManager::getBool(keys::kIsAttEnabled)) {
       values.adId = platform->advertisingIdentifier();
     }
@@ -65,10 +69,44 @@ void ConsentSDK::Impl::startRecurringConsentCheck() {
 }
 
 void ConsentSDK::Impl::scheduleConsentCheck() {
-  startTask(TaskSlot::consentCheckInnerTask, [this] {
-    if (!options()) return;
-    startTask(TaskSlot::consentCheckTask, [this] { runConsentCheck(); });
+  if (options()) requestConsentCheck();
+}
+
+void ConsentSDK::Impl::requestConsentCheck() {
+  {
+    std::lock_guard lock(cycleMutex_);
+    if (closing_) return;
+    if (checkRunning_) {
+      checkRequested_ = true;
+      return;
+    }
+    checkRunning_ = true;
+  }
+  startTask(TaskSlot::consentCheckTask, [this] {
+    for (;;) {
+      runConsentCheck();
+      std::lock_guard lock(cycleMutex_);
+      if (!checkRequested_ || closing_) {
+        checkRunning_ = false;
+        return;
+      }
+      checkRequested_ = false;
+    }
   });
+}
+
+void ConsentSDK::Impl::requestCheckSoon() {
+  std::unique_ptr<detail::OneShotTimer> old;
+  std::lock_guard lock(cycleMutex_);
+  if (closing_ || (choiceReport_ && !choiceReport_->fired())) return;
+  old = std::exchange(choiceReport_,
+                      std::make_unique<detail::OneShotTimer>(*clock_, kChoiceReportDelay,
+                                                             [this] { scheduleConsentCheck(); }));
+}
+
+void ConsentSDK::Impl::checkConsentsNow() {
+  requestConsentCheck();
+  waitUntilIdle();
 }
 
 void ConsentSDK::Impl::startNetworkMonitoring() {
@@ -129,9 +167,9 @@ void ConsentSDK::Impl::runConsentCheck() {
       UserDefaultManager::getInt(keys::kSdkVersion), std::move(purposes.consents),
       std::move(permissions.consents), options && options->testingMode, device.adId,
       std::string(rawValue(compliance)));
-  const std::string url = options ? options->appUrl : "";
-  startTask(TaskSlot::uploadConsentTask,
-            [this, url, request = std::move(request)] { uploadConsents(url, request); });
+  // Uploaded on the check's own thread: a check is done when its upload is,
+  // so a check that follows it sees what the upload cleared.
+  uploadConsents(options ? options->appUrl : "", request);
 }
 
 void ConsentSDK::Impl::prefillDefaultValues(const std::shared_ptr<const MainConfiguration>& config,
@@ -143,9 +181,16 @@ void ConsentSDK::Impl::prefillDefaultValues(const std::shared_ptr<const MainConf
   const std::int64_t now = detail::currentTimeSeconds();
   const bool trackingAuthorized = detail::PurposeManager::trackingAuthorized();
 
-  std::vector<PurposeConsent> purposeConsents;
+  // The defaults are worked out first, asking the platform outside the
+  // transaction that records them.
+  struct PurposeDefault {
+    const Purpose* purpose;
+    ConsentStatus consent;
+  };
+  std::vector<PurposeDefault> purposeDefaults;
   detail::PurposeManager purposeManager(config->purposes, config->isATTEnabled, config->attConfig);
-  for (const Purpose& purpose : purposeManager.getPurposes()) {
+  const std::vector<Purpose> purposes = purposeManager.getPurposes();
+  for (const Purpose& purpose : purposes) {
     if (!purpose.purposeId) continue;
     const bool essential = purpose.disableOptOut.value_or(false);
     ConsentStatus consent = compliance == ComplianceType::optIn && !essential
@@ -154,22 +199,42 @@ void ConsentSDK::Impl::prefillDefaultValues(const std::shared_ptr<const MainConf
     if (purpose.isATTMapped.value_or(false)) {
       consent = trackingAuthorized ? ConsentStatus::granted : ConsentStatus::declined;
     }
-    purposeManager.updatePurposeConsent(purpose, consent, kConsentImplicit);
-    const std::string key = std::to_string(*purpose.purposeId);
-    purposeConsents.emplace_back(
-        *purpose.purposeId, UserDefaultManager::getPurposeConsent(key, consent), now, essential);
+    purposeDefaults.push_back({&purpose, consent});
   }
-  std::vector<PermissionConsent> permissionConsents;
   detail::PermissionManager permissionManager(config->permissions, config->settingPrompt);
-  for (const AppPermission& permission : permissionManager.getPermissions()) {
-    permissionManager.updatePermissionConsent(
-        permission, permission.consentStatus.value_or(ConsentStatus::notDetermined),
-        kConsentImplicit);
-    permissionConsents.emplace_back(*permission.permissionId,
-                                    UserDefaultManager::getPermissionConsent(
-                                        *permission.permissionId, ConsentStatus::notDetermined),
-                                    now);
-  }
+  const std::vector<AppPermission> permissions = permissionManager.getPermissions();
+
+  std::vector<PurposeConsent> purposeConsents;
+  std::vector<PermissionConsent> permissionConsents;
+  const bool recorded =
+      detail::updatePreferences("defaults", [&](detail::PreferenceWriter& writer) {
+        // A user who answered while the defaults were worked out keeps the
+        // answer: defaults are only for a user who has not acted. Checked in the
+        // transaction that records them, so a choice cannot slip in between.
+        if (writer.getString(keys::kConsentGivenType, kConsentNoAction) != kConsentNoAction) {
+          return false;
+        }
+        purposeConsents.clear();
+        permissionConsents.clear();
+        for (const auto& [purpose, consent] : purposeDefaults) {
+          const std::int64_t id = *purpose->purposeId;
+          if (detail::PurposeManager::acceptsConsent(*purpose, consent)) {
+            detail::PurposeManager::recordConsent(writer, id, consent, kConsentImplicit);
+          }
+          purposeConsents.emplace_back(id, writer.getConsent(std::to_string(id)).value_or(consent),
+                                       now, purpose->disableOptOut.value_or(false));
+        }
+        for (const AppPermission& permission : permissions) {
+          const LumariKey& key = *permission.permissionId;
+          detail::PermissionManager::recordConsent(
+              writer, key, permission.consentStatus.value_or(ConsentStatus::notDetermined),
+              kConsentImplicit);
+          permissionConsents.emplace_back(
+              key, writer.getConsent(key.rawValue()).value_or(ConsentStatus::notDetermined), now);
+        }
+        return true;
+      });
+  if (!recorded) return;
   // Nothing recorded, nothing to upload.
   if (purposeConsents.empty() && permissionConsents.empty()) return;
 

@@ -25,6 +25,15 @@ std::optional<std::string> anyValue(const std::map<std::string, std::string>& va
   return values.begin()->second;
 }
 
+// A stored location less than an hour old, and not stamped in the future (a
+// clock corrected backwards must not keep it for ever).
+bool locationIsFresh() {
+  auto stamp = UserDefaultManager::getLocationTimestamp();
+  if (!stamp || !UserDefaultManager::getStoredCountryCode()) return false;
+  const auto age = currentPlatform()->now() - *stamp;
+  return age >= std::chrono::seconds(0) && age < kLocationFreshness;
+}
+
 }  // namespace
 
 // ---- Consent state ----
@@ -44,6 +53,8 @@ bool ConsentSDK::set(const Purpose& purpose, ConsentStatus consent) {
   if (!detail::PurposeManager::updatePurposeConsent(purpose, consent, kConsentExplicit)) {
     return false;
   }
+  // The choice reaches the server within seconds, not an interval later.
+  impl_->requestCheckSoon();
   // An explicit purpose choice reaches Google Consent Mode at once.
   impl_->runInBackground([impl = impl_.get()] {
     std::shared_ptr<const MainConfiguration> document = impl->getCDNFile();
@@ -98,10 +109,7 @@ void ConsentSDK::uploadConsents(const std::string& url, const PostConsentsReques
   impl_->uploadConsents(url, request);
 }
 
-void ConsentSDK::checkConsents() {
-  impl_->runConsentCheck();
-  impl_->waitUntilIdle();
-}
+void ConsentSDK::checkConsents() { impl_->checkConsentsNow(); }
 
 void ConsentSDK::getPurposeConsents(std::function<void(std::vector<Purpose>)> done) {
   impl_->runInBackground([this, done = std::move(done)] { done(getPurposeConsents()); });
@@ -188,13 +196,11 @@ std::optional<BannerConfig> ConsentSDK::Impl::getBannerConfig(const MainConfigur
     std::size_t dash = options->locationCode->find('-');
     if (dash != std::string::npos) candidates.push_back(options->locationCode->substr(0, dash));
   } else {
-    auto stamp = UserDefaultManager::getLocationTimestamp();
-    auto country = UserDefaultManager::getStoredCountryCode();
-    const bool fresh = stamp && country && currentPlatform()->now() - *stamp < kLocationFreshness;
-    if (fresh || getCurrentLocation()) {
-      if (auto location = UserDefaultManager::getStoredLocation()) candidates.push_back(*location);
-      if (auto stored = UserDefaultManager::getStoredCountryCode()) candidates.push_back(*stored);
-    }
+    // A stale location is a better guess than none: when the lookup fails,
+    // the last known location and country stay the candidates.
+    if (!locationIsFresh()) getCurrentLocation();
+    if (auto location = UserDefaultManager::getStoredLocation()) candidates.push_back(*location);
+    if (auto country = UserDefaultManager::getStoredCountryCode()) candidates.push_back(*country);
   }
   candidates.push_back(kDefaultLocation);
 

@@ -1,9 +1,8 @@
 #include "pactivo/locale_utils.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <mutex>
 
+#include "pactivo/logger.h"
 #include "pactivo/platform.h"
 
 namespace pactivo {
@@ -24,9 +23,12 @@ LanguageState& state() {
 std::string LocaleUtils::preferredLanguage() {
   std::vector<std::string> languages = currentPlatform()->preferredLanguages();
   if (languages.empty()) {
-    // The platform contract promises at least one language.
-    std::fprintf(stderr, "Platform reported no preferred language\n");
-    std::abort();
+    // The platform broke its promise of at least one language. Without one
+    // no document can be chosen: the library stays unavailable, the host
+    // runs on.
+    SDKLogger::shared().log("Platform reported no preferred language", LogLevel::error,
+                            "preferredLanguage()");
+    return "";
   }
   return languages.front();
 }

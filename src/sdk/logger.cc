@@ -86,6 +86,9 @@ void SDKLogger::log(std::string_view message, LogLevel level, std::string_view f
       std::string adId = platform->advertisingIdentifier();
       if (!adId.empty()) emit("ATT AD ID: " + adId + "\n");
     }
+    // Read, never created here: a log line must not write to the store (a
+    // debug line after removeAllConsents() would bring back the identity
+    // just removed). Uploads create it through getSubjectId().
     text += "Subject Identity: ";
     text += UserDefaultManager::getString(keys::kSubjectId, "");
     text += '\n';

@@ -2,6 +2,7 @@
 #include <cctype>
 
 #include "pactivo/options.h"
+#include "sdk/options_rules.h"
 
 namespace pactivo {
 namespace {
@@ -33,12 +34,23 @@ ConsentSDKOptions::ConsentSDKOptions(std::string appUrl, std::string cdnUrl, std
       appId(std::move(appId)),
       testingMode(testingMode),
       logLevel(logLevel),
-      consentsCheckInterval(std::max(consentsCheckInterval, kMinimumCheckInterval)),
+      consentsCheckInterval(consentsCheckInterval),
       subjectId(std::move(subjectId)),
-      languageCode(languageCode ? std::optional(lowerCased(std::move(*languageCode)))
-                                : std::nullopt),
+      languageCode(std::move(languageCode)),
       locationCode(std::move(locationCode)),
-      mode(testingMode ? Mode::draft : Mode::live),
-      webviewConfig(std::move(webviewConfig)) {}
+      mode(Mode::live),
+      webviewConfig(std::move(webviewConfig)) {
+  detail::normaliseOptions(*this);
+}
+
+namespace detail {
+
+void normaliseOptions(ConsentSDKOptions& options) {
+  options.consentsCheckInterval = std::max(options.consentsCheckInterval, kMinimumCheckInterval);
+  if (options.languageCode) options.languageCode = lowerCased(std::move(*options.languageCode));
+  options.mode = options.testingMode ? Mode::draft : Mode::live;
+}
+
+}  // namespace detail
 
 }  // namespace pactivo

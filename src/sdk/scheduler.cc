@@ -17,10 +17,22 @@ RepeatingTimer::RepeatingTimer(Clock& clock, std::chrono::seconds interval,
         while (clock.sleepUntil(deadline, stop)) {
           tick();
           deadline += interval;
+          const Clock::TimePoint now = clock.now();
+          if (deadline <= now) deadline = now + interval;
         }
       }) {}
 
 // std::jthread asks the thread to stop and joins it.
 RepeatingTimer::~RepeatingTimer() = default;
+
+OneShotTimer::OneShotTimer(Clock& clock, std::chrono::seconds delay, std::function<void()> fire)
+    : thread_([this, &clock, deadline = clock.now() + delay,
+               fire = std::move(fire)](std::stop_token stop) {
+        if (!clock.sleepUntil(deadline, stop)) return;
+        fired_ = true;
+        fire();
+      }) {}
+
+OneShotTimer::~OneShotTimer() = default;
 
 }  // namespace pactivo::detail

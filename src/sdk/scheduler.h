@@ -3,6 +3,7 @@
 #ifndef PACTIVO_SRC_SDK_SCHEDULER_H_
 #define PACTIVO_SRC_SDK_SCHEDULER_H_
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -35,8 +36,11 @@ class SteadyClock : public Clock {
 
 // Calls `tick` after `interval`, then every `interval`, on its own thread.
 // Deadlines advance by exactly one interval from the previous deadline, so
-// ticks neither drift nor merge. Destroying the timer stops it and waits for
-// a tick in progress; it must not be destroyed from inside `tick`.
+// ticks do not drift. A wake-up that finds the next deadline already passed
+// (the process was frozen, or a tick ran long) ticks once and takes the next
+// deadline a whole interval from then: missed ticks are never caught up.
+// Destroying the timer stops it and waits for a tick in progress; it must not
+// be destroyed from inside `tick`.
 class RepeatingTimer {
  public:
   RepeatingTimer(Clock& clock, std::chrono::seconds interval, std::function<void()> tick);
@@ -45,6 +49,24 @@ class RepeatingTimer {
   RepeatingTimer& operator=(const RepeatingTimer&) = delete;
 
  private:
+  std::jthread thread_;
+};
+
+// Calls `fire` once, `delay` from now, on its own thread. Destroying it
+// before then cancels the call, and waits for a call in progress; it must not
+// be destroyed from inside `fire`.
+class OneShotTimer {
+ public:
+  OneShotTimer(Clock& clock, std::chrono::seconds delay, std::function<void()> fire);
+  ~OneShotTimer();
+  OneShotTimer(const OneShotTimer&) = delete;
+  OneShotTimer& operator=(const OneShotTimer&) = delete;
+
+  // Whether the call has started (or is done).
+  bool fired() const { return fired_.load(); }
+
+ private:
+  std::atomic<bool> fired_{false};
   std::jthread thread_;
 };
 

@@ -141,9 +141,12 @@ void FakePlatform::requestNotificationAuthorizationStatus(
 }
 
 bool FakePlatform::standardPreferenceBool(const std::string& key) const {
-  std::lock_guard lock(mutex_);
-  auto it = standardPreferences_.find(key);
-  return it != standardPreferences_.end() && it->second;
+  {
+    std::lock_guard lock(mutex_);
+    auto it = standardPreferences_.find(key);
+    if (it != standardPreferences_.end()) return it->second;
+  }
+  return Platform::standardPreferenceBool(key);
 }
 
 Platform::ConsentModeHandler FakePlatform::consentModeHandler() const {

@@ -78,6 +78,11 @@ int watch(ConsentSDK& sdk, const ConsentSDKOptions& sdkOptions) {
 
 int runDeploymentCommand(const std::string& command, const CommonOptions& options) {
   installDataDirectory(options);
+  if (!UserDefaultManager::isAvailable()) {
+    std::fprintf(stderr, "pactivo: Could not create or access UserDefaults suite: %s\n",
+                 std::string(kPreferenceSuiteName).c_str());
+    return 1;
+  }
   ConsentSDKOptions sdkOptions = libraryOptions(options);
   ConsentSDK sdk;
   if (command == "watch") return watch(sdk, sdkOptions);
@@ -121,6 +126,10 @@ int runDeploymentCommand(const std::string& command, const CommonOptions& option
     const bool recorded = sdk.set(purpose, *parseConsent(options.arguments[1]));
     std::printf(options.json ? "{\"recorded\":%s}\n" : "recorded: %s\n",
                 recorded ? "true" : "false");
+    std::fflush(stdout);
+    // A one-shot process reports the choice before it ends; what cannot be
+    // uploaded now is reported by the next start.
+    if (recorded) sdk.checkConsents();
     return recorded ? 0 : 1;
   } else if (command == "set-permission") {
     if (options.arguments.size() != 2) throw UsageError("set-permission takes KEY and STATUS");
