@@ -409,17 +409,18 @@ bool PreferenceStore::update(const std::function<bool(Transaction&)>& body, std:
   return false;
 }
 
-int PreferenceStore::synchronousLevel() {
+std::optional<std::int64_t> PreferenceStore::pragma(const std::string& statement) {
   std::lock_guard lock(mutex_);
-  int level = -1;
+  std::optional<std::int64_t> value;
   sqlite3_exec(
-      db_, "PRAGMA synchronous",
-      [](void* out, int, char** values, char**) {
-        *static_cast<int*>(out) = values[0] != nullptr ? std::atoi(values[0]) : -1;
+      db_, ("PRAGMA " + statement).c_str(),
+      [](void* out, int columns, char** values, char**) {
+        auto* first = static_cast<std::optional<std::int64_t>*>(out);
+        if (!*first && columns > 0 && values[0] != nullptr) *first = std::atoll(values[0]);
         return 0;
       },
-      &level, nullptr);
-  return level;
+      &value, nullptr);
+  return value;
 }
 
 bool PreferenceStore::removeAll(std::string* error) {

@@ -93,8 +93,10 @@ class PreferenceStore {
 
   const std::filesystem::path& path() const { return path_; }
 
-  // The connection's "PRAGMA synchronous" level (2 is FULL).
-  int synchronousLevel();
+  // Runs "PRAGMA <statement>" on this store's connection and returns the
+  // first column of its first row, if any: the settings in force here
+  // ("synchronous") or a per-connection limit ("max_page_count=10").
+  std::optional<std::int64_t> pragma(const std::string& statement);
 
   // Reads and writes served since the store was opened; for measurements.
   std::uint64_t operationCount() const { return operations_.load(std::memory_order_relaxed); }
