@@ -6,6 +6,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -82,7 +83,10 @@ void NetlinkPathMonitor::start(std::function<void(NetworkPathStatus)> handler) {
     }
   }
   wake_ = eventfd(0, EFD_CLOEXEC);
-  thread_ = std::thread([this, handler = std::move(handler)] { run(handler); });
+  thread_ = std::thread([this, handler = std::move(handler)] {
+    pthread_setname_np(pthread_self(), "NetworkMonitor");
+    run(handler);
+  });
 }
 
 void NetlinkPathMonitor::cancel() {

@@ -152,6 +152,11 @@ void ConsentSDK::Impl::runConsentCheck() {
   detail::PurposeManager purposeManager(document->purposes, document->isATTEnabled,
                                         document->attConfig);
   auto purposes = purposeManager.checkPurposes();
+  // Consent can change without the user acting here (another process, a
+  // re-consent, a new mapping in the document): Firebase hears every check.
+  if (document->isGcmEnabled.value_or(false)) {
+    detail::GoogleConsentModeHelper::updateFirebaseConsent(document.get(), gcmLocation());
+  }
   const bool pending = UserDefaultManager::getBool(keys::kUploadConsentRequestPending);
   if (!permissions.changed && !purposes.changed && !pending) return;
 

@@ -1,5 +1,7 @@
 #include "sdk/scheduler.h"
 
+#include <pthread.h>
+
 namespace pactivo::detail {
 
 bool SteadyClock::sleepUntil(TimePoint deadline, std::stop_token stop) {
@@ -14,6 +16,7 @@ RepeatingTimer::RepeatingTimer(Clock& clock, std::chrono::seconds interval,
     // The first deadline is taken now, not when the thread gets to run.
     : thread_([&clock, interval, deadline = clock.now() + interval,
                tick = std::move(tick)](std::stop_token stop) mutable {
+        pthread_setname_np(pthread_self(), "pactivo-timer");
         while (clock.sleepUntil(deadline, stop)) {
           tick();
           deadline += interval;
@@ -28,6 +31,7 @@ RepeatingTimer::~RepeatingTimer() = default;
 OneShotTimer::OneShotTimer(Clock& clock, std::chrono::seconds delay, std::function<void()> fire)
     : thread_([this, &clock, deadline = clock.now() + delay,
                fire = std::move(fire)](std::stop_token stop) {
+        pthread_setname_np(pthread_self(), "pactivo-report");
         if (!clock.sleepUntil(deadline, stop)) return;
         fired_ = true;
         fire();

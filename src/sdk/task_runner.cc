@@ -1,5 +1,7 @@
 #include "sdk/task_runner.h"
 
+#include <pthread.h>
+
 namespace pactivo::detail {
 namespace {
 
@@ -32,6 +34,7 @@ TaskHandle TaskRunner::start(std::function<void()> body) {
   // The thread holds the shared state, not the runner: a thread detached at
   // shutdown may finish after the runner is gone.
   task.thread = std::thread([shared = shared_, done = task.done, body = std::move(body), token] {
+    pthread_setname_np(pthread_self(), "pactivo-task");
     currentToken = token;
     if (!token.stop_requested()) body();
     currentToken = std::stop_token();
