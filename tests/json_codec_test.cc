@@ -2,8 +2,10 @@
 
 #include <fstream>
 #include <sstream>
+#include <variant>
 
 #include "pactivo/json.h"
+#include "pactivo/options.h"
 #include "support/test_support.h"
 
 namespace pactivo {
@@ -370,6 +372,76 @@ TEST(JsonCodec, ToJsonStringKeepsUtf8AndRejectsInvalidBytes) {
   EXPECT_EQ(typeName<GenericResponse>(), "GenericResponse");
 }
 
+// The value with case index `index` of an enumeration or of LumariKey.
+template <typename T>
+T valueAt(std::size_t index) {
+  if constexpr (std::is_enum_v<T>) {
+    return static_cast<T>(index);
+  } else {
+    return LumariKey(static_cast<LumariKey::Case>(index));
+  }
+}
+
+TEST(JsonCodec, RawValueTypesCodeAsTheirRawValueStrings) {
+  using Value = std::variant<ConsentStatus, PurposeStatus, PermissionStatus, ComplianceType,
+                             BannerPosition, ButtonShape, GoogleConsentType, LumariKey>;
+  struct Case {
+    Value first;  // the type, by its first value
+    std::string_view name;
+    std::size_t count;
+    std::string_view raws;  // every raw value in case order, comma-separated
+  } cases[] = {
+      {ConsentStatus{}, "ConsentStatus", 4, "granted,declined,not_determined,withdrawn"},
+      {PurposeStatus{}, "PurposeStatus", 3, "Authorized,Denied,Not Determined"},
+      {PermissionStatus{}, "PermissionStatus", 13,
+       "Authorized,Always Authorized,Authorized When In Use,Denied,Restricted,Not Determined,"
+       "Unknown,Provisional,Limited,Not Available,Full Access,Write Only,Ephemeral"},
+      {ComplianceType{}, "ComplianceType", 3, "notice-only,opt-in,opt-out"},
+      {BannerPosition{}, "BannerPosition", 2, "bottom,center"},
+      {ButtonShape{}, "ButtonShape", 5, "rounded,square,pill,outlined,edgeless"},
+      {GoogleConsentType{}, "GoogleConsentType", 4,
+       "analytics_storage,ad_storage,ad_user_data,ad_personalization"},
+      {LumariKey::locationWhenInUseUsageDescription, "LumariKey", 28,
+       "NSLocationWhenInUseUsageDescription,NSLocationAlwaysUsageDescription,"
+       "NSLocationAlwaysAndWhenInUseUsageDescription,NSCameraUsageDescription,"
+       "NSMicrophoneUsageDescription,NSPhotoLibraryUsageDescription,"
+       "NSPhotoLibraryAddUsageDescription,NSContactsUsageDescription,"
+       "NSCalendarsUsageDescription,NSRemindersUsageDescription,"
+       "NSMotionUsageDescription,NSHealthShareUsageDescription,"
+       "NSHealthUpdateUsageDescription,NSBluetoothPeripheralUsageDescription,"
+       "NSBluetoothAlwaysUsageDescription,NSSiriUsageDescription,"
+       "NSSpeechRecognitionUsageDescription,NSHomeKitUsageDescription,"
+       "NSUserTrackingUsageDescription,NSAppleMusicUsageDescription,"
+       "NSFaceIDUsageDescription,NSCameraBroadcastUsageDescription,"
+       "NSMicrophoneBroadcastUsageDescription,NSUserNotificationsUsageDescription,"
+       "NSLocalNetworkUsageDescription,NSFileProviderDomainUsageDescription,"
+       "NSSystemExtensionUsageDescription,NFCReaderUsageDescription"},
+  };
+  for (const auto& c : cases) {
+    std::visit(
+        [&](const auto& first) {
+          using T = std::decay_t<decltype(first)>;
+          EXPECT_EQ(typeName<T>(), c.name);
+          std::size_t index = 0;
+          for (std::string_view rest = c.raws; !rest.empty(); ++index) {
+            std::string raw(rest.substr(0, rest.find(',')));
+            rest.remove_prefix(std::min(rest.size(), raw.size() + 1));
+            std::string json = "\"" + raw + "\"";
+            EXPECT_EQ(encode(valueAt<T>(index)), json);
+            EXPECT_EQ(decode<T>(json).value, valueAt<T>(index)) << json;
+          }
+          EXPECT_EQ(index, c.count) << c.name;
+          EXPECT_EQ(decode<T>("1").error, "expected string, found integer") << c.name;
+        },
+        c.first);
+  }
+  EXPECT_EQ(decode<LumariKey>(R"("com.example.Custom")").value,
+            LumariKey::makeCustom("com.example.Custom"));
+  EXPECT_EQ(encode(LumariKey::makeCustom("com.example.Custom")), R"("com.example.Custom")");
+  EXPECT_EQ(decode<ConsentStatus>(R"("withDrawn")").error, R"(unknown value "withDrawn")");
+  EXPECT_EQ(decode<ButtonShape>(R"("Pill")").error, R"(unknown value "Pill")");
+}
+
 TEST(JsonCodec, LocalizedTextEqualityIgnoresOrder) {
   LocalizedText a{{"en", "x"}, {"de", "y"}};
   LocalizedText b{{"de", "y"}, {"en", "x"}};
@@ -411,6 +483,10 @@ TEST(RecordHash, EqualRecordsHashEquallyAndFieldsOutsideJsonCount) {
   AppPermission b;
   b.isSettingsPromptEnabled = false;
   EXPECT_NE(std::hash<AppPermission>{}(a), std::hash<AppPermission>{}(b));
+  std::hash<WebViewConfig> web;
+  EXPECT_EQ(web(WebViewConfig({"a.example"}, "<p>")), web(WebViewConfig({"a.example"}, "<p>")));
+  EXPECT_NE(web(WebViewConfig({"a"}, std::nullopt)), web(WebViewConfig({"a"}, "")));
+  EXPECT_NE(web(WebViewConfig({"a", "b"}, "")), web(WebViewConfig({"ab"}, "")));
 }
 
 }  // namespace

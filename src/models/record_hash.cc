@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "models/record_fields.h"
+#include "pactivo/options.h"
 
 namespace pactivo {
 namespace {
@@ -86,3 +87,11 @@ PACTIVO_DEFINE_HASH(PurposeConsent)
 PACTIVO_DEFINE_HASH(PermissionConsent)
 PACTIVO_DEFINE_HASH(PostConsentsRequest)
 #undef PACTIVO_DEFINE_HASH
+
+std::size_t std::hash<pactivo::WebViewConfig>::operator()(
+    const pactivo::WebViewConfig& value) const noexcept {
+  std::size_t state = 0;
+  pactivo::hashInto(state, value.allowedDomains);
+  pactivo::hashInto(state, value.blockedPageHTML);
+  return state;
+}
