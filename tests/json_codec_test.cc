@@ -196,6 +196,16 @@ TEST(JsonCodec, OddKeysAreTheOnlyOnesRead) {
       {R"({"version": -9223372036854775808})",
        [](const auto& c) { return c.version == INT64_MIN; }},
       {R"({"version": 1, "version": 5})", [](const auto& c) { return c.version == 5; }},
+      {R"({"banner_config": {"categories": {"eu": {"name": "A", "compliance_type": "opt-in"}, "eu": {"name": "B"}}, "names_map": {}, "locations": {}}})",
+       [](const auto& c) {
+         const auto& eu = c.bannerConfig->categories.at("eu");
+         return eu.name == "B" && !eu.complianceType;
+       }},
+      {R"({"gcm_config": {"region_overrides": {"US": {"ad_storage": [1]}, "US": {"ad_user_data": [2]}}}})",
+       [](const auto& c) {
+         const auto& us = c.gcmConfig->regionOverrides->at("US");
+         return us.adUserData->size() == 1 && !us.adStorage;
+       }},
   };
   for (const auto& c : cases) {
     auto decoded = decode<MainConfiguration>(c.json);

@@ -148,7 +148,11 @@ class Decoder {
       simdjson::dom::object object = value.get_object().value_unsafe();
       for (auto [key, item] : object) {
         path_.emplace_back(key);
-        if (!decode(item, out[std::string(key)])) return false;
+        // Of repeated keys the last entry replaces the earlier one whole; a
+        // record must not keep fields the later entry leaves out.
+        typename T::mapped_type decoded = emptyValue<typename T::mapped_type>();
+        if (!decode(item, decoded)) return false;
+        out.insert_or_assign(std::string(key), std::move(decoded));
         path_.pop_back();
       }
       return true;
