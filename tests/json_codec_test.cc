@@ -339,6 +339,7 @@ TEST(JsonCodec, UploadRecordEncoding) {
       R"("banner_info":"x"})");
   ASSERT_TRUE(noPlatform.ok()) << noPlatform.error;
   EXPECT_EQ(noPlatform.value->platform, "ios");
+  static_assert(std::is_const_v<decltype(PostConsentsRequest::platform)>);
   EXPECT_EQ(noPlatform.value->sdkVersion, std::nullopt);
 
   auto missing = decode<PostConsentsRequest>(R"({"uuid":"u"})");

@@ -243,7 +243,7 @@ class Decoder {
   bool matchField(const detail::Field<Record, Member>& field, std::size_t index,
                   std::string_view key, element item, Record& out, std::uint64_t& present,
                   bool& ok) {
-    if (field.rules & (detail::kNotInJson | detail::kEncodeOnly)) return false;
+    if (field.rules & detail::kNotInJson) return false;
     if (field.key != key) return false;
     Member& member = out.*field.member;
     if (item.is_null()) {
@@ -258,12 +258,19 @@ class Decoder {
     return true;
   }
 
+  template <typename Record>
+  bool matchField(const detail::Constant& field, std::size_t, std::string_view key, element,
+                  Record&, std::uint64_t&, bool&) {
+    return field.key == key;
+  }
+
   template <typename Record, typename Member>
   bool checkRequired(const detail::Field<Record, Member>& field, std::size_t index,
                      std::uint64_t present) {
     if (!(field.rules & detail::kRequired) || (present & (std::uint64_t{1} << index))) return true;
     return fail("missing required key \"" + std::string(field.key) + "\"");
   }
+  bool checkRequired(const detail::Constant&, std::size_t, std::uint64_t) { return true; }
 
   std::string pathText() const {
     std::string text;
@@ -353,6 +360,11 @@ class Encoder {
     }
     writeKey(field.key);
     write(member);
+  }
+  template <typename Record>
+  void writeField(const detail::Constant& field, const Record&) {
+    writeKey(field.key);
+    writeString(field.value);
   }
 
   void writeKey(std::string_view key) {

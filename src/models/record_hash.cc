@@ -50,8 +50,17 @@ void hashInto(std::size_t& state, const T& value) {
       }
     }
   } else if constexpr (IsRecord<T>::value) {
-    std::apply([&](const auto&... field) { (hashInto(state, value.*field.member), ...); },
-               detail::RecordFields<T>::list());
+    std::apply(
+        [&](const auto&... field) {
+          // A constant member is the same in every value and adds nothing.
+          auto member = [&](const auto& one) {
+            if constexpr (!std::is_same_v<std::decay_t<decltype(one)>, detail::Constant>) {
+              hashInto(state, value.*one.member);
+            }
+          };
+          (member(field), ...);
+        },
+        detail::RecordFields<T>::list());
   } else {
     combine(state, std::hash<T>{}(value));
   }
