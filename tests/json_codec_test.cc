@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
+#include <rapidjson/writer.h>
 
 #include <fstream>
 #include <sstream>
@@ -121,6 +123,42 @@ TEST(JsonCodec, FullDocumentRoundTrips) {
   ASSERT_TRUE(decoded.ok()) << decoded.error;
   EXPECT_EQ(*decoded.value, config);
   EXPECT_EQ(encode(*decoded.value), json);
+}
+
+// tests/data/every_key.json holds every key of the configuration document and
+// of the upload, spelled as the servers spell them: each decodes into the
+// record built by hand and encodes back to the same JSON.
+TEST(JsonCodec, EveryKeyAsTheServersSpellIt) {
+  std::ifstream in(PACTIVO_TEST_DATA_DIR "/every_key.json");
+  std::stringstream text;
+  text << in.rdbuf();
+  rapidjson::Document golden;
+  ASSERT_FALSE(golden.Parse(text.str().c_str()).HasParseError());
+  auto part = [&](const char* name) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    golden[name].Accept(writer);
+    return std::string(buffer.GetString(), buffer.GetSize());
+  };
+  auto sameJson = [](const std::string& a, const std::string& b) {
+    rapidjson::Document x, y;  // objects compare member by member, in any order
+    return !x.Parse(a.c_str()).HasParseError() && !y.Parse(b.c_str()).HasParseError() && x == y;
+  };
+  auto configuration = decode<MainConfiguration>(part("configuration"));
+  ASSERT_TRUE(configuration.ok()) << configuration.error;
+  EXPECT_EQ(*configuration.value, fullConfiguration());
+  EXPECT_TRUE(sameJson(encode(fullConfiguration()), part("configuration")));
+
+  PostConsentsRequest upload(
+      "SUBJ", "app", "Living room TV", true, 3,
+      {PurposeConsent(12, ConsentStatus::withDrawn, 1704067200, false)},
+      {PermissionConsent(LumariKey::cameraUsageDescription, ConsentStatus::granted, 1704067201)},
+      false, "AD", "opt-in");
+  upload.sdkVersion = "1.2.3";
+  auto decodedUpload = decode<PostConsentsRequest>(part("upload"));
+  ASSERT_TRUE(decodedUpload.ok()) << decodedUpload.error;
+  EXPECT_EQ(*decodedUpload.value, upload);
+  EXPECT_TRUE(sameJson(encode(upload), part("upload"))) << encode(upload);
 }
 
 TEST(JsonCodec, ExampleDocumentDecodesAndRoundTrips) {
