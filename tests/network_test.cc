@@ -273,23 +273,25 @@ TEST_F(NetworkManagerTest, UndecodableBodyStillStoresETag) {
 }
 
 TEST_F(NetworkManagerTest, RequestGoesOutAsBuilt) {
-  server_.respond(200, R"({"status": 0, "message": "ok"})");
-  URLRequest request = get("lumari/v1/consent/mobile/singleupload");
-  request.method = "POST";
-  request.headers["X-Auth-Token"] = "secret";
-  request.headers["If-None-Match"] = "\"e\"";
-  request.body = R"({"uuid":"u"})";
-  manager_.processRequest<GenericResponse>(request);
-  auto recorded = server_.requests();
-  ASSERT_EQ(recorded.size(), 1u);
-  EXPECT_EQ(recorded[0].method, "POST");
-  EXPECT_EQ(recorded[0].path, "/lumari/v1/consent/mobile/singleupload");
-  EXPECT_EQ(recorded[0].header("X-Auth-Token"), "secret");
-  EXPECT_EQ(recorded[0].header("If-None-Match"), "\"e\"");
-  EXPECT_EQ(recorded[0].header("Content-Type"), "application/json");
-  EXPECT_EQ(recorded[0].header("Accept"), "*/*");
-  EXPECT_FALSE(recorded[0].hasHeader("Expect"));
-  EXPECT_EQ(recorded[0].body, R"({"uuid":"u"})");
+  PostConsentsRequest record("u", "a", "d", false, 1, {}, {}, false, "", "opt-in");
+  // An empty token or ETag still goes out, as an empty header.
+  for (std::string value : {"secret", ""}) {
+    testing::RawServer server(R"({"status": 0, "message": "ok"})");
+    UserDefaultManager::setETag(value);
+    PostConsentsEndPoint upload(value, record);
+    manager_.processRequest<GenericResponse>(
+        RequestBuilder(upload, server.baseUrl()).buildRequest());
+    std::string sent = server.request();
+    EXPECT_EQ(sent.rfind("POST /lumari/v1/consent/mobile/singleupload HTTP/1.1\r\n", 0), 0u);
+    for (std::string name : {"X-Auth-Token:", "If-None-Match:"}) {
+      std::string line = "\r\n" + name + (value.empty() ? "" : " " + value) + "\r\n";
+      EXPECT_NE(sent.find(line), std::string::npos) << line << " not in " << sent;
+    }
+    EXPECT_NE(sent.find("\r\nContent-Type: application/json\r\n"), std::string::npos);
+    EXPECT_NE(sent.find("\r\nAccept: */*\r\n"), std::string::npos);
+    EXPECT_EQ(sent.find("Expect:"), std::string::npos);
+    EXPECT_EQ(sent.substr(sent.find("\r\n\r\n") + 4), encode(record));
+  }
 }
 
 TEST_F(NetworkManagerTest, TransportFailures) {

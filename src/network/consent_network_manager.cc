@@ -193,7 +193,10 @@ Exchange ConsentNetworkManager::send(const URLRequest& request) {
 
   std::unique_ptr<curl_slist, ListDeleter> headers;
   for (const auto& [name, value] : request.headers) {
-    headers.reset(curl_slist_append(headers.release(), (name + ": " + value).c_str()));
+    // libcurl drops a header written "Name: " with nothing after it; "Name;"
+    // sends it with an empty value.
+    std::string line = value.empty() ? name + ";" : name + ": " + value;
+    headers.reset(curl_slist_append(headers.release(), line.c_str()));
   }
   // No "Expect: 100-continue" round trip before large uploads.
   headers.reset(curl_slist_append(headers.release(), "Expect:"));
