@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
+#include <rapidjson/writer.h>
 
 #include <fstream>
 #include <sstream>
+#include <variant>
 
 #include "pactivo/json.h"
+#include "pactivo/options.h"
 #include "support/test_support.h"
 
 namespace pactivo {
@@ -121,6 +125,42 @@ TEST(JsonCodec, FullDocumentRoundTrips) {
   EXPECT_EQ(encode(*decoded.value), json);
 }
 
+// tests/data/every_key.json holds every key of the configuration document and
+// of the upload, spelled as the servers spell them: each decodes into the
+// record built by hand and encodes back to the same JSON.
+TEST(JsonCodec, EveryKeyAsTheServersSpellIt) {
+  std::ifstream in(PACTIVO_TEST_DATA_DIR "/every_key.json");
+  std::stringstream text;
+  text << in.rdbuf();
+  rapidjson::Document golden;
+  ASSERT_FALSE(golden.Parse(text.str().c_str()).HasParseError());
+  auto part = [&](const char* name) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    golden[name].Accept(writer);
+    return std::string(buffer.GetString(), buffer.GetSize());
+  };
+  auto sameJson = [](const std::string& a, const std::string& b) {
+    rapidjson::Document x, y;  // objects compare member by member, in any order
+    return !x.Parse(a.c_str()).HasParseError() && !y.Parse(b.c_str()).HasParseError() && x == y;
+  };
+  auto configuration = decode<MainConfiguration>(part("configuration"));
+  ASSERT_TRUE(configuration.ok()) << configuration.error;
+  EXPECT_EQ(*configuration.value, fullConfiguration());
+  EXPECT_TRUE(sameJson(encode(fullConfiguration()), part("configuration")));
+
+  PostConsentsRequest upload(
+      "SUBJ", "app", "Living room TV", true, 3,
+      {PurposeConsent(12, ConsentStatus::withDrawn, 1704067200, false)},
+      {PermissionConsent(LumariKey::cameraUsageDescription, ConsentStatus::granted, 1704067201)},
+      false, "AD", "opt-in");
+  upload.sdkVersion = "1.2.3";
+  auto decodedUpload = decode<PostConsentsRequest>(part("upload"));
+  ASSERT_TRUE(decodedUpload.ok()) << decodedUpload.error;
+  EXPECT_EQ(*decodedUpload.value, upload);
+  EXPECT_TRUE(sameJson(encode(upload), part("upload"))) << encode(upload);
+}
+
 TEST(JsonCodec, ExampleDocumentDecodesAndRoundTrips) {
   auto decoded = decode<MainConfiguration>(exampleDocument());
   ASSERT_TRUE(decoded.ok()) << decoded.error;
@@ -194,6 +234,16 @@ TEST(JsonCodec, OddKeysAreTheOnlyOnesRead) {
       {R"({"version": -9223372036854775808})",
        [](const auto& c) { return c.version == INT64_MIN; }},
       {R"({"version": 1, "version": 5})", [](const auto& c) { return c.version == 5; }},
+      {R"({"banner_config": {"categories": {"eu": {"name": "A", "compliance_type": "opt-in"}, "eu": {"name": "B"}}, "names_map": {}, "locations": {}}})",
+       [](const auto& c) {
+         const auto& eu = c.bannerConfig->categories.at("eu");
+         return eu.name == "B" && !eu.complianceType;
+       }},
+      {R"({"gcm_config": {"region_overrides": {"US": {"ad_storage": [1]}, "US": {"ad_user_data": [2]}}}})",
+       [](const auto& c) {
+         const auto& us = c.gcmConfig->regionOverrides->at("US");
+         return us.adUserData->size() == 1 && !us.adStorage;
+       }},
   };
   for (const auto& c : cases) {
     auto decoded = decode<MainConfiguration>(c.json);
@@ -327,6 +377,7 @@ TEST(JsonCodec, UploadRecordEncoding) {
       R"("banner_info":"x"})");
   ASSERT_TRUE(noPlatform.ok()) << noPlatform.error;
   EXPECT_EQ(noPlatform.value->platform, "ios");
+  static_assert(std::is_const_v<decltype(PostConsentsRequest::platform)>);
   EXPECT_EQ(noPlatform.value->sdkVersion, std::nullopt);
 
   auto missing = decode<PostConsentsRequest>(R"({"uuid":"u"})");
@@ -370,6 +421,76 @@ TEST(JsonCodec, ToJsonStringKeepsUtf8AndRejectsInvalidBytes) {
   EXPECT_EQ(typeName<GenericResponse>(), "GenericResponse");
 }
 
+// The value with case index `index` of an enumeration or of LumariKey.
+template <typename T>
+T valueAt(std::size_t index) {
+  if constexpr (std::is_enum_v<T>) {
+    return static_cast<T>(index);
+  } else {
+    return LumariKey(static_cast<LumariKey::Case>(index));
+  }
+}
+
+TEST(JsonCodec, RawValueTypesCodeAsTheirRawValueStrings) {
+  using Value = std::variant<ConsentStatus, PurposeStatus, PermissionStatus, ComplianceType,
+                             BannerPosition, ButtonShape, GoogleConsentType, LumariKey>;
+  struct Case {
+    Value first;  // the type, by its first value
+    std::string_view name;
+    std::size_t count;
+    std::string_view raws;  // every raw value in case order, comma-separated
+  } cases[] = {
+      {ConsentStatus{}, "ConsentStatus", 4, "granted,declined,not_determined,withdrawn"},
+      {PurposeStatus{}, "PurposeStatus", 3, "Authorized,Denied,Not Determined"},
+      {PermissionStatus{}, "PermissionStatus", 13,
+       "Authorized,Always Authorized,Authorized When In Use,Denied,Restricted,Not Determined,"
+       "Unknown,Provisional,Limited,Not Available,Full Access,Write Only,Ephemeral"},
+      {ComplianceType{}, "ComplianceType", 3, "notice-only,opt-in,opt-out"},
+      {BannerPosition{}, "BannerPosition", 2, "bottom,center"},
+      {ButtonShape{}, "ButtonShape", 5, "rounded,square,pill,outlined,edgeless"},
+      {GoogleConsentType{}, "GoogleConsentType", 4,
+       "analytics_storage,ad_storage,ad_user_data,ad_personalization"},
+      {LumariKey::locationWhenInUseUsageDescription, "LumariKey", 28,
+       "NSLocationWhenInUseUsageDescription,NSLocationAlwaysUsageDescription,"
+       "NSLocationAlwaysAndWhenInUseUsageDescription,NSCameraUsageDescription,"
+       "NSMicrophoneUsageDescription,NSPhotoLibraryUsageDescription,"
+       "NSPhotoLibraryAddUsageDescription,NSContactsUsageDescription,"
+       "NSCalendarsUsageDescription,NSRemindersUsageDescription,"
+       "NSMotionUsageDescription,NSHealthShareUsageDescription,"
+       "NSHealthUpdateUsageDescription,NSBluetoothPeripheralUsageDescription,"
+       "NSBluetoothAlwaysUsageDescription,NSSiriUsageDescription,"
+       "NSSpeechRecognitionUsageDescription,NSHomeKitUsageDescription,"
+       "NSUserTrackingUsageDescription,NSAppleMusicUsageDescription,"
+       "NSFaceIDUsageDescription,NSCameraBroadcastUsageDescription,"
+       "NSMicrophoneBroadcastUsageDescription,NSUserNotificationsUsageDescription,"
+       "NSLocalNetworkUsageDescription,NSFileProviderDomainUsageDescription,"
+       "NSSystemExtensionUsageDescription,NFCReaderUsageDescription"},
+  };
+  for (const auto& c : cases) {
+    std::visit(
+        [&](const auto& first) {
+          using T = std::decay_t<decltype(first)>;
+          EXPECT_EQ(typeName<T>(), c.name);
+          std::size_t index = 0;
+          for (std::string_view rest = c.raws; !rest.empty(); ++index) {
+            std::string raw(rest.substr(0, rest.find(',')));
+            rest.remove_prefix(std::min(rest.size(), raw.size() + 1));
+            std::string json = "\"" + raw + "\"";
+            EXPECT_EQ(encode(valueAt<T>(index)), json);
+            EXPECT_EQ(decode<T>(json).value, valueAt<T>(index)) << json;
+          }
+          EXPECT_EQ(index, c.count) << c.name;
+          EXPECT_EQ(decode<T>("1").error, "expected string, found integer") << c.name;
+        },
+        c.first);
+  }
+  EXPECT_EQ(decode<LumariKey>(R"("com.example.Custom")").value,
+            LumariKey::makeCustom("com.example.Custom"));
+  EXPECT_EQ(encode(LumariKey::makeCustom("com.example.Custom")), R"("com.example.Custom")");
+  EXPECT_EQ(decode<ConsentStatus>(R"("withDrawn")").error, R"(unknown value "withDrawn")");
+  EXPECT_EQ(decode<ButtonShape>(R"("Pill")").error, R"(unknown value "Pill")");
+}
+
 TEST(JsonCodec, LocalizedTextEqualityIgnoresOrder) {
   LocalizedText a{{"en", "x"}, {"de", "y"}};
   LocalizedText b{{"de", "y"}, {"en", "x"}};
@@ -411,6 +532,10 @@ TEST(RecordHash, EqualRecordsHashEquallyAndFieldsOutsideJsonCount) {
   AppPermission b;
   b.isSettingsPromptEnabled = false;
   EXPECT_NE(std::hash<AppPermission>{}(a), std::hash<AppPermission>{}(b));
+  std::hash<WebViewConfig> web;
+  EXPECT_EQ(web(WebViewConfig({"a.example"}, "<p>")), web(WebViewConfig({"a.example"}, "<p>")));
+  EXPECT_NE(web(WebViewConfig({"a"}, std::nullopt)), web(WebViewConfig({"a"}, "")));
+  EXPECT_NE(web(WebViewConfig({"a", "b"}, "")), web(WebViewConfig({"ab"}, "")));
 }
 
 }  // namespace

@@ -76,7 +76,8 @@ TEST(RequestBuilderTest, PathsAndInvalidUrls) {
       EXPECT_EQ(request.url, c.url);
     }
     EXPECT_EQ(request.method, "GET");
-    EXPECT_EQ(request.timeout, std::chrono::seconds(60));
+    EXPECT_EQ(request.idleTimeout, std::chrono::seconds(60));
+    EXPECT_EQ(request.transferTimeout, std::chrono::minutes(10));
   }
 }
 
@@ -273,23 +274,99 @@ TEST_F(NetworkManagerTest, UndecodableBodyStillStoresETag) {
 }
 
 TEST_F(NetworkManagerTest, RequestGoesOutAsBuilt) {
-  server_.respond(200, R"({"status": 0, "message": "ok"})");
-  URLRequest request = get("lumari/v1/consent/mobile/singleupload");
-  request.method = "POST";
-  request.headers["X-Auth-Token"] = "secret";
-  request.headers["If-None-Match"] = "\"e\"";
-  request.body = R"({"uuid":"u"})";
-  manager_.processRequest<GenericResponse>(request);
-  auto recorded = server_.requests();
-  ASSERT_EQ(recorded.size(), 1u);
-  EXPECT_EQ(recorded[0].method, "POST");
-  EXPECT_EQ(recorded[0].path, "/lumari/v1/consent/mobile/singleupload");
-  EXPECT_EQ(recorded[0].header("X-Auth-Token"), "secret");
-  EXPECT_EQ(recorded[0].header("If-None-Match"), "\"e\"");
-  EXPECT_EQ(recorded[0].header("Content-Type"), "application/json");
-  EXPECT_EQ(recorded[0].header("Accept"), "*/*");
-  EXPECT_FALSE(recorded[0].hasHeader("Expect"));
-  EXPECT_EQ(recorded[0].body, R"({"uuid":"u"})");
+  PostConsentsRequest record("u", "a", "d", false, 1, {}, {}, false, "", "opt-in");
+  // An empty token or ETag still goes out, as an empty header.
+  for (std::string value : {"secret", ""}) {
+    testing::RawServer server(R"({"status": 0, "message": "ok"})");
+    UserDefaultManager::setETag(value);
+    PostConsentsEndPoint upload(value, record);
+    manager_.processRequest<GenericResponse>(
+        RequestBuilder(upload, server.baseUrl()).buildRequest());
+    std::string sent = server.request();
+    EXPECT_EQ(sent.rfind("POST /lumari/v1/consent/mobile/singleupload HTTP/1.1\r\n", 0), 0u);
+    for (std::string name : {"X-Auth-Token:", "If-None-Match:"}) {
+      std::string line = "\r\n" + name + (value.empty() ? "" : " " + value) + "\r\n";
+      EXPECT_NE(sent.find(line), std::string::npos) << line << " not in " << sent;
+    }
+    EXPECT_NE(sent.find("\r\nContent-Type: application/json\r\n"), std::string::npos);
+    EXPECT_NE(sent.find("\r\nAccept: */*\r\n"), std::string::npos);
+    EXPECT_EQ(sent.find("Expect:"), std::string::npos);
+    EXPECT_EQ(sent.substr(sent.find("\r\n\r\n") + 4), encode(record));
+  }
+}
+
+TEST(RedirectActionTest, HttpsNeverFallsBackToHttpAndCredentialsStayOnTheirHost) {
+  struct Case {
+    const char* from;
+    const char* to;
+    RedirectAction action;
+  } cases[] = {
+      {"https://a.example/x", "http://a.example/y", RedirectAction::refuse},
+      {"HTTPS://a.example/x", "http://b.example/y", RedirectAction::refuse},
+      {"http://a.example/x", "ftp://a.example/y", RedirectAction::refuse},
+      {"http://a.example/x", "file:///etc/passwd", RedirectAction::refuse},
+      {"http://a.example/x", "https://a.example/y", RedirectAction::follow},
+      {"https://a.example/x", "https://A.Example/y?q", RedirectAction::follow},
+      {"http://a.example/x", "http://a.example:8080/y", RedirectAction::follow},
+      {"http://a.example/x", "https://b.example/y", RedirectAction::followWithoutCredentials},
+      {"https://a.example/x", "https://a.example.b.example/",
+       RedirectAction::followWithoutCredentials},
+      {"http://127.0.0.1:1/x", "http://localhost:1/x", RedirectAction::followWithoutCredentials},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(redirectAction(c.from, c.to), c.action) << c.from << " -> " << c.to;
+  }
+}
+
+TEST_F(NetworkManagerTest, RedirectsKeepCredentialsOnTheSameHostOnly) {
+  const std::string ok = R"({"status": 0, "message": "ok"})";
+  TestServer other;
+  other.respond(200, ok);
+  const std::string elsewhere = "http://localhost:" + std::to_string(other.port()) + "/b";
+  struct Case {
+    int status;
+    std::string location;
+    TestServer* target;
+    std::string method;  // as the target receives it
+    bool keepsBody;
+    bool keepsToken;
+  } cases[] = {
+      {307, "/b", &server_, "POST", true, true},
+      {308, server_.baseUrl() + "b", &server_, "POST", true, true},
+      {303, "b", &server_, "GET", false, true},
+      {302, "/b", &server_, "GET", false, true},
+      {307, elsewhere, &other, "POST", true, false},
+      {301, elsewhere, &other, "GET", false, false},
+  };
+  for (const auto& c : cases) {
+    server_.clearRequests();
+    other.clearRequests();
+    server_.setHandler([&](const httplib::Request& in, httplib::Response& out) {
+      if (in.path == "/b") return out.set_content(ok, "application/json");
+      out.status = c.status;
+      out.set_header("Location", c.location);
+    });
+    URLRequest request = get("a");
+    request.method = "POST";
+    request.headers["X-Auth-Token"] = "secret";
+    request.body = R"({"uuid":"u"})";
+    manager_.processRequest<GenericResponse>(request);
+    auto received = c.target->requests();
+    ASSERT_FALSE(received.empty()) << c.status << " " << c.location;
+    EXPECT_EQ(received.back().path, "/b");
+    EXPECT_EQ(received.back().method, c.method) << c.status;
+    EXPECT_EQ(received.back().body, c.keepsBody ? *request.body : "") << c.status;
+    EXPECT_EQ(received.back().header("X-Auth-Token"), c.keepsToken ? "secret" : "") << c.location;
+    EXPECT_EQ(received.back().hasHeader("X-Auth-Token"), c.keepsToken) << c.location;
+  }
+  // A redirect loop ends after ten redirects.
+  server_.clearRequests();
+  server_.setHandler([](const httplib::Request&, httplib::Response& out) {
+    out.status = 302;
+    out.set_header("Location", "/loop");
+  });
+  EXPECT_THROW(manager_.processRequest<GenericResponse>(get("loop")), TransportError);
+  EXPECT_EQ(server_.requestCount(), 11u);
 }
 
 TEST_F(NetworkManagerTest, TransportFailures) {
@@ -325,14 +402,44 @@ TEST_F(NetworkManagerTest, TransportFailures) {
   refused.url = "http://127.0.0.1:9/x";
   EXPECT_THROW(manager_.processRequest<GenericResponse>(refused), TransportError);
 
-  // A slow server and a short time-out.
-  server_.setHandler([](const httplib::Request&, httplib::Response& response) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    response.set_content("{}", "application/json");
-  });
-  URLRequest slow = get("slow");
-  slow.timeout = std::chrono::seconds(1);
-  EXPECT_THROW(manager_.processRequest<GenericResponse>(slow), TransportError);
+  // A reply still trickling in outlasts the idle limit; one that goes quiet
+  // for longer fails, and the cap on the whole transfer still holds.
+  struct Timing {
+    int pauseMs;
+    int pieces;
+    std::chrono::milliseconds transferTimeout;
+    std::string error;  // empty: succeeds
+  } timings[] = {
+      {250, 8, std::chrono::minutes(10), ""},
+      {1500, 1, std::chrono::minutes(10), "nothing sent or received for 1000 ms"},
+      {250, 8, std::chrono::milliseconds(1000), "Operation timed out after "},
+  };
+  for (const auto& t : timings) {
+    server_.setHandler([&t](const httplib::Request&, httplib::Response& response) {
+      // Not a type the server compresses, which would hold the pieces back.
+      response.set_chunked_content_provider(
+          "application/octet-stream", [&t](size_t, httplib::DataSink& sink) {
+            sink.write(R"({"status":0,"message":")", 23);
+            for (int i = 0; i < t.pieces; ++i) {
+              std::this_thread::sleep_for(std::chrono::milliseconds(t.pauseMs));
+              if (!sink.write("x", 1)) return false;
+            }
+            sink.write(R"("})", 2);
+            sink.done();
+            return true;
+          });
+    });
+    URLRequest slow = get("slow");
+    slow.idleTimeout = std::chrono::seconds(1);
+    slow.transferTimeout = t.transferTimeout;
+    try {
+      EXPECT_EQ(manager_.processRequest<GenericResponse>(slow).message, std::string(8, 'x'));
+      EXPECT_EQ(t.error, "");
+    } catch (const TransportError& error) {
+      EXPECT_EQ(std::string(error.what()).substr(0, t.error.size()), t.error) << error.what();
+      EXPECT_NE(t.error, "") << error.what();
+    }
+  }
 }
 
 TEST_F(NetworkManagerTest, CancellingTheTaskAbortsPromptly) {

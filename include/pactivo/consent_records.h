@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "pactivo/enums.h"
@@ -58,6 +59,9 @@ struct PACTIVO_EXPORT PostConsentsRequest {
                       std::vector<PermissionConsent> permissions, bool testingMode,
                       std::string adId, std::string bannerInfo);
 
+  // "platform": a constant of the type, always encoded, never decoded.
+  static constexpr std::string_view platform = "ios";
+
   std::string uuid;                             // "uuid"
   std::string appUUID;                          // "app_uuid"
   std::string device;                           // "device"
@@ -67,7 +71,6 @@ struct PACTIVO_EXPORT PostConsentsRequest {
   std::vector<PermissionConsent> permissions;   // "permissions"
   bool testingMode = false;                     // "is_test_mode"
   std::string adId;                             // "ad_id"
-  std::string platform = "ios";                 // "platform", never decoded
   std::string bannerInfo;                       // "banner_info"
   std::optional<std::string> sdkVersion;        // "sdk_version", only when set
 

@@ -48,7 +48,10 @@ struct DecodeResult {
 
 // Decodes `json` as a T. Defined for MainConfiguration and every record it
 // holds, PostConsentsRequest, PurposeConsent, PermissionConsent,
-// GenericResponse and CurrentLocationResponse.
+// GenericResponse and CurrentLocationResponse, and for the types that code as
+// the JSON string of their raw value: ConsentStatus, PurposeStatus,
+// PermissionStatus, ComplianceType, BannerPosition, ButtonShape,
+// GoogleConsentType and LumariKey (any string is a LumariKey).
 template <typename T>
 PACTIVO_EXPORT DecodeResult<T> decode(std::string_view json);
 
@@ -80,7 +83,8 @@ std::optional<std::string> toJSONString(const T& value, DateEncodingStrategy str
   return data;
 }
 
-// The name of a record type as decoding errors report it ("MainConfiguration").
+// The name of a type as decoding errors report it ("MainConfiguration",
+// "ConsentStatus").
 template <typename T>
 PACTIVO_EXPORT std::string_view typeName();
 

@@ -2,7 +2,9 @@
 #ifndef PACTIVO_OPTIONS_H_
 #define PACTIVO_OPTIONS_H_
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -65,5 +67,11 @@ class PACTIVO_EXPORT ConsentSDKOptions {
 };
 
 }  // namespace pactivo
+
+// Consistent with WebViewConfig's equality.
+template <>
+struct PACTIVO_EXPORT std::hash<pactivo::WebViewConfig> {
+  std::size_t operator()(const pactivo::WebViewConfig& value) const noexcept;
+};
 
 #endif  // PACTIVO_OPTIONS_H_

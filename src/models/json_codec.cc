@@ -31,7 +31,33 @@ template <typename T>
 constexpr bool kIsStringEnum =
     std::is_same_v<T, ConsentStatus> || std::is_same_v<T, ComplianceType> ||
     std::is_same_v<T, BannerPosition> || std::is_same_v<T, ButtonShape> ||
-    std::is_same_v<T, PurposeStatus>;
+    std::is_same_v<T, PurposeStatus> || std::is_same_v<T, PermissionStatus> ||
+    std::is_same_v<T, GoogleConsentType>;
+
+// The name decoding errors give a type: a record's own, or the value type's.
+template <typename T>
+constexpr std::string_view nameOf() {
+  if constexpr (IsRecord<T>::value) {
+    return detail::RecordFields<T>::name;
+  } else if constexpr (std::is_same_v<T, ConsentStatus>) {
+    return "ConsentStatus";
+  } else if constexpr (std::is_same_v<T, ComplianceType>) {
+    return "ComplianceType";
+  } else if constexpr (std::is_same_v<T, BannerPosition>) {
+    return "BannerPosition";
+  } else if constexpr (std::is_same_v<T, ButtonShape>) {
+    return "ButtonShape";
+  } else if constexpr (std::is_same_v<T, PurposeStatus>) {
+    return "PurposeStatus";
+  } else if constexpr (std::is_same_v<T, PermissionStatus>) {
+    return "PermissionStatus";
+  } else if constexpr (std::is_same_v<T, GoogleConsentType>) {
+    return "GoogleConsentType";
+  } else {
+    static_assert(std::is_same_v<T, LumariKey>, "no JSON coding for this type");
+    return "LumariKey";
+  }
+}
 
 const char* describe(element value) {
   switch (value.type()) {
@@ -122,7 +148,11 @@ class Decoder {
       simdjson::dom::object object = value.get_object().value_unsafe();
       for (auto [key, item] : object) {
         path_.emplace_back(key);
-        if (!decode(item, out[std::string(key)])) return false;
+        // Of repeated keys the last entry replaces the earlier one whole; a
+        // record must not keep fields the later entry leaves out.
+        typename T::mapped_type decoded = emptyValue<typename T::mapped_type>();
+        if (!decode(item, decoded)) return false;
+        out.insert_or_assign(std::string(key), std::move(decoded));
         path_.pop_back();
       }
       return true;
@@ -213,7 +243,7 @@ class Decoder {
   bool matchField(const detail::Field<Record, Member>& field, std::size_t index,
                   std::string_view key, element item, Record& out, std::uint64_t& present,
                   bool& ok) {
-    if (field.rules & (detail::kNotInJson | detail::kEncodeOnly)) return false;
+    if (field.rules & detail::kNotInJson) return false;
     if (field.key != key) return false;
     Member& member = out.*field.member;
     if (item.is_null()) {
@@ -228,12 +258,19 @@ class Decoder {
     return true;
   }
 
+  template <typename Record>
+  bool matchField(const detail::Constant& field, std::size_t, std::string_view key, element,
+                  Record&, std::uint64_t&, bool&) {
+    return field.key == key;
+  }
+
   template <typename Record, typename Member>
   bool checkRequired(const detail::Field<Record, Member>& field, std::size_t index,
                      std::uint64_t present) {
     if (!(field.rules & detail::kRequired) || (present & (std::uint64_t{1} << index))) return true;
     return fail("missing required key \"" + std::string(field.key) + "\"");
   }
+  bool checkRequired(const detail::Constant&, std::size_t, std::uint64_t) { return true; }
 
   std::string pathText() const {
     std::string text;
@@ -324,6 +361,11 @@ class Encoder {
     writeKey(field.key);
     write(member);
   }
+  template <typename Record>
+  void writeField(const detail::Constant& field, const Record&) {
+    writeKey(field.key);
+    writeString(field.value);
+  }
 
   void writeKey(std::string_view key) {
     writer_.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
@@ -350,7 +392,7 @@ DecodeResult<T> decode(std::string_view json) {
     return result;
   }
   Decoder decoder;
-  T value;
+  T value = emptyValue<T>();
   if (decoder.decode(root, value)) {
     result.value = std::move(value);
   } else {
@@ -369,35 +411,44 @@ std::string encode(const T& value) {
 
 template <typename T>
 std::string_view typeName() {
-  return detail::RecordFields<T>::name;
+  return nameOf<T>();
 }
 
 bool isValidUtf8(std::string_view text) {
   return simdjson::validate_utf8(text.data(), text.size());
 }
 
-#define PACTIVO_JSON_RECORD(T)                                         \
+#define PACTIVO_JSON_TYPE(T)                                           \
   template PACTIVO_EXPORT DecodeResult<T> decode<T>(std::string_view); \
   template PACTIVO_EXPORT std::string encode<T>(const T&);             \
   template PACTIVO_EXPORT std::string_view typeName<T>();
 
-PACTIVO_JSON_RECORD(MainConfiguration)
-PACTIVO_JSON_RECORD(ConsentBannerConfig)
-PACTIVO_JSON_RECORD(BannerConfig)
-PACTIVO_JSON_RECORD(CustomColors)
-PACTIVO_JSON_RECORD(Purpose)
-PACTIVO_JSON_RECORD(SDK)
-PACTIVO_JSON_RECORD(AppPermission)
-PACTIVO_JSON_RECORD(SettingsPrompt)
-PACTIVO_JSON_RECORD(ATTConfig)
-PACTIVO_JSON_RECORD(GcmConfig)
-PACTIVO_JSON_RECORD(DefaultMapping)
-PACTIVO_JSON_RECORD(PostConsentsRequest)
-PACTIVO_JSON_RECORD(PurposeConsent)
-PACTIVO_JSON_RECORD(PermissionConsent)
-PACTIVO_JSON_RECORD(GenericResponse)
-PACTIVO_JSON_RECORD(CurrentLocationResponse)
+PACTIVO_JSON_TYPE(MainConfiguration)
+PACTIVO_JSON_TYPE(ConsentBannerConfig)
+PACTIVO_JSON_TYPE(BannerConfig)
+PACTIVO_JSON_TYPE(CustomColors)
+PACTIVO_JSON_TYPE(Purpose)
+PACTIVO_JSON_TYPE(SDK)
+PACTIVO_JSON_TYPE(AppPermission)
+PACTIVO_JSON_TYPE(SettingsPrompt)
+PACTIVO_JSON_TYPE(ATTConfig)
+PACTIVO_JSON_TYPE(GcmConfig)
+PACTIVO_JSON_TYPE(DefaultMapping)
+PACTIVO_JSON_TYPE(PostConsentsRequest)
+PACTIVO_JSON_TYPE(PurposeConsent)
+PACTIVO_JSON_TYPE(PermissionConsent)
+PACTIVO_JSON_TYPE(GenericResponse)
+PACTIVO_JSON_TYPE(CurrentLocationResponse)
+// Values that code as the JSON string of their raw value.
+PACTIVO_JSON_TYPE(ConsentStatus)
+PACTIVO_JSON_TYPE(ComplianceType)
+PACTIVO_JSON_TYPE(BannerPosition)
+PACTIVO_JSON_TYPE(ButtonShape)
+PACTIVO_JSON_TYPE(PurposeStatus)
+PACTIVO_JSON_TYPE(PermissionStatus)
+PACTIVO_JSON_TYPE(GoogleConsentType)
+PACTIVO_JSON_TYPE(LumariKey)
 
-#undef PACTIVO_JSON_RECORD
+#undef PACTIVO_JSON_TYPE
 
 }  // namespace pactivo

@@ -17,9 +17,8 @@ namespace pactivo::detail {
 
 enum FieldRule : unsigned {
   kOptional = 0,
-  kRequired = 1,    // decoding fails when the key is missing or null
-  kNotInJson = 2,   // neither decoded nor encoded
-  kEncodeOnly = 4,  // encoded, never decoded
+  kRequired = 1,   // decoding fails when the key is missing or null
+  kNotInJson = 2,  // neither decoded nor encoded
 };
 
 template <typename Record, typename Member>
@@ -34,6 +33,15 @@ constexpr Field<Record, Member> field(std::string_view key, Member Record::*memb
                                       unsigned rules = kOptional) {
   return {key, member, rules};
 }
+
+// A member whose value is fixed by the record type: always encoded, never
+// decoded (whatever a document holds under the key is ignored).
+struct Constant {
+  std::string_view key;
+  std::string_view value;
+};
+
+constexpr Constant constant(std::string_view key, std::string_view value) { return {key, value}; }
 
 template <typename Record>
 struct RecordFields;
@@ -178,7 +186,7 @@ PACTIVO_FIELDS(PermissionConsent, field("permission", &PermissionConsent::permis
 
 PACTIVO_FIELDS(PostConsentsRequest, field("uuid", &PostConsentsRequest::uuid, kRequired),
                field("app_uuid", &PostConsentsRequest::appUUID, kRequired),
-               field("platform", &PostConsentsRequest::platform, kEncodeOnly),
+               constant("platform", PostConsentsRequest::platform),
                field("device", &PostConsentsRequest::device, kRequired),
                field("implicit_consent", &PostConsentsRequest::implicitConsent, kRequired),
                field("version", &PostConsentsRequest::version, kRequired),

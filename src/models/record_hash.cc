@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "models/record_fields.h"
+#include "pactivo/options.h"
 
 namespace pactivo {
 namespace {
@@ -49,8 +50,17 @@ void hashInto(std::size_t& state, const T& value) {
       }
     }
   } else if constexpr (IsRecord<T>::value) {
-    std::apply([&](const auto&... field) { (hashInto(state, value.*field.member), ...); },
-               detail::RecordFields<T>::list());
+    std::apply(
+        [&](const auto&... field) {
+          // A constant member is the same in every value and adds nothing.
+          auto member = [&](const auto& one) {
+            if constexpr (!std::is_same_v<std::decay_t<decltype(one)>, detail::Constant>) {
+              hashInto(state, value.*one.member);
+            }
+          };
+          (member(field), ...);
+        },
+        detail::RecordFields<T>::list());
   } else {
     combine(state, std::hash<T>{}(value));
   }
@@ -86,3 +96,11 @@ PACTIVO_DEFINE_HASH(PurposeConsent)
 PACTIVO_DEFINE_HASH(PermissionConsent)
 PACTIVO_DEFINE_HASH(PostConsentsRequest)
 #undef PACTIVO_DEFINE_HASH
+
+std::size_t std::hash<pactivo::WebViewConfig>::operator()(
+    const pactivo::WebViewConfig& value) const noexcept {
+  std::size_t state = 0;
+  pactivo::hashInto(state, value.allowedDomains);
+  pactivo::hashInto(state, value.blockedPageHTML);
+  return state;
+}

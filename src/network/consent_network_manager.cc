@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <stop_token>
@@ -37,15 +38,22 @@ void logDump(const URLRequest& request, const Exchange& exchange) {
                           "processRequest(_:)");
 }
 
+using Clock = std::chrono::steady_clock;
+
+// The most redirects one request follows.
+constexpr int kMaxRedirects = 10;
+
 struct Transfer {
   std::string body;
   bool tooLarge = false;
   std::map<std::string, std::string> headers;
-  std::stop_token stop;
+  Clock::time_point lastActivity = Clock::now();
+  curl_off_t uploaded = 0;
 };
 
 size_t onBody(char* data, size_t size, size_t count, void* context) {
   auto* transfer = static_cast<Transfer*>(context);
+  transfer->lastActivity = Clock::now();
   size_t bytes = size * count;
   if (transfer->body.size() + bytes > kMaxResponseBodyBytes) {
     transfer->tooLarge = true;
@@ -57,8 +65,9 @@ size_t onBody(char* data, size_t size, size_t count, void* context) {
 
 size_t onHeader(char* data, size_t size, size_t count, void* context) {
   auto* transfer = static_cast<Transfer*>(context);
+  transfer->lastActivity = Clock::now();
   std::string_view line(data, size * count);
-  // Each response of a redirect chain starts again with its status line.
+  // Each response, an interim 1xx one included, starts with its status line.
   if (line.rfind("HTTP/", 0) == 0) {
     transfer->headers.clear();
     return size * count;
@@ -96,16 +105,37 @@ class CancellableTransfer {
   CancellableTransfer& operator=(const CancellableTransfer&) = delete;
 
   // The transfer's result; CURLE_ABORTED_BY_CALLBACK when `stop` was
-  // requested first.
-  CURLcode run(const std::stop_token& stop) {
+  // requested first, CURLE_OPERATION_TIMEDOUT with `idle` set when no byte
+  // went either way for `idleLimit`.
+  CURLcode run(const std::stop_token& stop, Transfer& transfer, std::chrono::milliseconds idleLimit,
+               bool& idle) {
     if (multi_ == nullptr) return CURLE_OUT_OF_MEMORY;
     std::stop_callback wake(stop, [multi = multi_] { curl_multi_wakeup(multi); });
+    transfer.lastActivity = Clock::now();
     int running = 1;
     while (true) {
       if (stop.stop_requested()) return CURLE_ABORTED_BY_CALLBACK;
       if (curl_multi_perform(multi_, &running) != CURLM_OK) return CURLE_FAILED_INIT;
       if (running == 0) break;
-      if (curl_multi_poll(multi_, nullptr, 0, 1000, nullptr) != CURLM_OK) return CURLE_FAILED_INIT;
+      // The callbacks mark what arrives; the count shows what left.
+      curl_off_t uploaded = 0;
+      curl_easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &uploaded);
+      if (uploaded != transfer.uploaded) {
+        transfer.uploaded = uploaded;
+        transfer.lastActivity = Clock::now();
+      }
+      auto quiet = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() -
+                                                                         transfer.lastActivity);
+      if (quiet >= idleLimit) {
+        idle = true;
+        return CURLE_OPERATION_TIMEDOUT;
+      }
+      auto wait = std::clamp(idleLimit - quiet, std::chrono::milliseconds(1),
+                             std::chrono::milliseconds(1000));
+      if (curl_multi_poll(multi_, nullptr, 0, static_cast<int>(wait.count()), nullptr) !=
+          CURLM_OK) {
+        return CURLE_FAILED_INIT;
+      }
     }
     int pending = 0;
     while (CURLMsg* message = curl_multi_info_read(multi_, &pending)) {
@@ -122,7 +152,133 @@ struct ListDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 
+struct UrlDeleter {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+
+// The part of an absolute URL, lower-cased; empty when it has none.
+std::string urlPart(std::string_view url, CURLUPart which) {
+  std::unique_ptr<CURLU, UrlDeleter> parsed(curl_url());
+  if (!parsed ||
+      curl_url_set(parsed.get(), CURLUPART_URL, std::string(url).c_str(), 0) != CURLUE_OK) {
+    return "";
+  }
+  char* text = nullptr;
+  if (curl_url_get(parsed.get(), which, &text, 0) != CURLUE_OK || text == nullptr) return "";
+  std::string part(text);
+  curl_free(text);
+  std::transform(part.begin(), part.end(), part.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return part;
+}
+
+bool isFollowedRedirect(long status) {
+  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+void eraseHeader(std::map<std::string, std::string>& headers, std::string_view name) {
+  std::erase_if(headers, [&](const auto& entry) { return equalsIgnoringCase(entry.first, name); });
+}
+
+// One request/response exchange, redirects not followed.
+struct Hop {
+  Exchange exchange;
+  std::optional<std::string> redirect;  // where a followed redirect status points
+};
+
+Hop sendOnce(const URLRequest& request, Clock::time_point deadline, const std::stop_token& stop) {
+  std::unique_ptr<CURL, EasyDeleter> curl(curl_easy_init());
+  if (!curl) throw TransportError("cannot create a transfer");
+  CURL* handle = curl.get();
+  Transfer transfer;
+
+  std::unique_ptr<curl_slist, ListDeleter> headers;
+  for (const auto& [name, value] : request.headers) {
+    // libcurl drops a header written "Name: " with nothing after it; "Name;"
+    // sends it with an empty value.
+    std::string line = value.empty() ? name + ";" : name + ": " + value;
+    headers.reset(curl_slist_append(headers.release(), line.c_str()));
+  }
+  // No "Expect: 100-continue" round trip before large uploads.
+  headers.reset(curl_slist_append(headers.release(), "Expect:"));
+
+  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+  if (left.count() <= 0) {
+    throw TransportError("request timed out after " +
+                         std::to_string(request.transferTimeout.count()) + " ms");
+  }
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorBuffer);
+  curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+  // Redirects are followed by send(), which decides what may go where.
+  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(left.count()));
+  curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
+  if (request.method == "GET") {
+    curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+  } else if (request.method == "head") {
+    curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
+  } else {
+    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+  }
+  if (request.body) {
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.body->data());
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(request.body->size()));
+  }
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, onBody);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
+  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, onHeader);
+  curl_easy_setopt(handle, CURLOPT_HEADERDATA, &transfer);
+
+  bool idle = false;
+  CURLcode result = CancellableTransfer(handle).run(stop, transfer, request.idleTimeout, idle);
+  if (transfer.tooLarge) {
+    throw TransportError("response body larger than " + std::to_string(kMaxResponseBodyBytes) +
+                         " bytes refused");
+  }
+  if (result != CURLE_OK) {
+    if (result == CURLE_ABORTED_BY_CALLBACK) throw TransportError("request cancelled");
+    if (idle) {
+      throw TransportError("nothing sent or received for " +
+                           std::to_string(request.idleTimeout.count()) + " ms");
+    }
+    std::string message = errorBuffer[0] != '\0' ? errorBuffer : curl_easy_strerror(result);
+    throw TransportError(message);
+  }
+  Hop hop;
+  long status = 0;
+  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+  if (status != 0) {
+    HTTPResponse response;
+    response.statusCode = static_cast<int>(status);
+    char* effectiveUrl = nullptr;
+    curl_easy_getinfo(handle, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
+    if (effectiveUrl != nullptr) response.url = effectiveUrl;
+    response.headers = std::move(transfer.headers);
+    hop.exchange.response = std::move(response);
+  }
+  char* redirect = nullptr;
+  curl_easy_getinfo(handle, CURLINFO_REDIRECT_URL, &redirect);
+  if (isFollowedRedirect(status) && redirect != nullptr) hop.redirect = redirect;
+  hop.exchange.body = std::move(transfer.body);
+  return hop;
+}
+
 }  // namespace
+
+RedirectAction redirectAction(std::string_view from, std::string_view to) {
+  const std::string scheme = urlPart(to, CURLUPART_SCHEME);
+  if (scheme != "http" && scheme != "https") return RedirectAction::refuse;
+  if (scheme == "http" && urlPart(from, CURLUPART_SCHEME) != "http") return RedirectAction::refuse;
+  if (urlPart(from, CURLUPART_HOST) != urlPart(to, CURLUPART_HOST)) {
+    return RedirectAction::followWithoutCredentials;
+  }
+  return RedirectAction::follow;
+}
 
 std::string exchangeDump(const URLRequest& request, const std::optional<HTTPResponse>& response,
                          const std::optional<std::string>& body) {
@@ -185,71 +341,35 @@ ConsentNetworkManager::ConsentNetworkManager() {
 }
 
 Exchange ConsentNetworkManager::send(const URLRequest& request) {
-  std::unique_ptr<CURL, EasyDeleter> curl(curl_easy_init());
-  if (!curl) throw TransportError("cannot create a transfer");
-  CURL* handle = curl.get();
-  Transfer transfer;
-  transfer.stop = currentTaskStopToken();
-
-  std::unique_ptr<curl_slist, ListDeleter> headers;
-  for (const auto& [name, value] : request.headers) {
-    headers.reset(curl_slist_append(headers.release(), (name + ": " + value).c_str()));
+  const std::stop_token stop = currentTaskStopToken();
+  const Clock::time_point deadline = Clock::now() + request.transferTimeout;
+  URLRequest next = request;
+  for (int redirects = 0;; ++redirects) {
+    Hop hop = sendOnce(next, deadline, stop);
+    if (!hop.redirect) return std::move(hop.exchange);
+    if (redirects == kMaxRedirects) {
+      throw TransportError("more than " + std::to_string(kMaxRedirects) + " redirects");
+    }
+    switch (redirectAction(next.url, *hop.redirect)) {
+      case RedirectAction::refuse:
+        throw TransportError("redirect from " + next.url + " to " + *hop.redirect + " refused");
+      case RedirectAction::followWithoutCredentials:
+        eraseHeader(next.headers, "X-Auth-Token");
+        eraseHeader(next.headers, "Authorization");
+        break;
+      case RedirectAction::follow:
+        break;
+    }
+    // As browsers and libcurl do: 303 always, and 301 or 302 after a POST,
+    // continue as a GET without the body; 307 and 308 repeat the request.
+    const int status = hop.exchange.response->statusCode;
+    if ((status == 303 && next.method != "head") ||
+        ((status == 301 || status == 302) && next.method == "POST")) {
+      next.method = "GET";
+      next.body.reset();
+    }
+    next.url = std::move(*hop.redirect);
   }
-  // No "Expect: 100-continue" round trip before large uploads.
-  headers.reset(curl_slist_append(headers.release(), "Expect:"));
-
-  char errorBuffer[CURL_ERROR_SIZE] = {};
-  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorBuffer);
-  curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str());
-  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(handle, CURLOPT_MAXREDIRS, 10L);
-  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout.count() * 1000));
-  curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
-  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
-  if (request.method == "GET") {
-    curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
-  } else if (request.method == "head") {
-    curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
-  } else {
-    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method.c_str());
-  }
-  if (request.body) {
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.body->data());
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(request.body->size()));
-  }
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, onBody);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
-  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, onHeader);
-  curl_easy_setopt(handle, CURLOPT_HEADERDATA, &transfer);
-
-  CURLcode result = CancellableTransfer(handle).run(transfer.stop);
-  if (transfer.tooLarge) {
-    throw TransportError("response body larger than " + std::to_string(kMaxResponseBodyBytes) +
-                         " bytes refused");
-  }
-  if (result != CURLE_OK) {
-    if (result == CURLE_ABORTED_BY_CALLBACK) throw TransportError("request cancelled");
-    std::string message = errorBuffer[0] != '\0' ? errorBuffer : curl_easy_strerror(result);
-    throw TransportError(message);
-  }
-  Exchange exchange;
-  long status = 0;
-  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
-  if (status != 0) {
-    HTTPResponse response;
-    response.statusCode = static_cast<int>(status);
-    char* effectiveUrl = nullptr;
-    curl_easy_getinfo(handle, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
-    if (effectiveUrl != nullptr) response.url = effectiveUrl;
-    response.headers = std::move(transfer.headers);
-    exchange.response = std::move(response);
-  }
-  exchange.body = std::move(transfer.body);
-  return exchange;
 }
 
 }  // namespace pactivo::detail

@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "network/request_builder.h"
 #include "pactivo/json.h"
@@ -35,6 +36,18 @@ struct Exchange {
   std::optional<HTTPResponse> response;  // nullopt for a reply that is not HTTP
   std::optional<std::string> body;
 };
+
+// What sending does with a redirect from `from` to `to` (absolute URLs).
+enum class RedirectAction {
+  follow,
+  // To another host: followed without "X-Auth-Token" and "Authorization",
+  // which belong to the host the request was built for.
+  followWithoutCredentials,
+  // From https to http (the body and headers would go in clear), or to a URL
+  // that is not http or https.
+  refuse,
+};
+RedirectAction redirectAction(std::string_view from, std::string_view to);
 
 // The text logged for a failed exchange (request, response and body).
 std::string exchangeDump(const URLRequest& request, const std::optional<HTTPResponse>& response,
@@ -68,8 +81,10 @@ class NetworkManager {
 };
 
 // The libcurl implementation: a fresh easy handle per request (no shared
-// cache or connection state), TLS verification on, redirects followed, and
-// the transfer aborted promptly when the calling task is cancelled.
+// cache or connection state), TLS verification on, up to 10 redirects
+// followed as redirectAction() allows (a 303, and a 301 or 302 answering a
+// POST, continue as a body-less GET), and the transfer aborted promptly when
+// the calling task is cancelled.
 class ConsentNetworkManager : public NetworkManager {
  public:
   ConsentNetworkManager();

@@ -79,7 +79,11 @@ struct URLRequest {
   std::string method;
   std::map<std::string, std::string> headers;
   std::optional<std::string> body;
-  std::chrono::seconds timeout{60};
+  // The exchange fails once no byte has gone either way for this long; a
+  // slow reply that keeps coming is not cut short.
+  std::chrono::milliseconds idleTimeout = std::chrono::seconds(60);
+  // The cap on the whole exchange, redirects included.
+  std::chrono::milliseconds transferTimeout = std::chrono::minutes(10);
 };
 
 // Joins an endpoint to a base URL. Made for one request.

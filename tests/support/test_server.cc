@@ -1,6 +1,9 @@
 #include "support/test_server.h"
 
+#include <netinet/in.h>
 #include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 
@@ -92,6 +95,54 @@ void TestServer::handle(const httplib::Request& request, httplib::Response& resp
   } else {
     response.status = 404;
   }
+}
+
+RawServer::RawServer(std::string body) {
+  listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+      ::listen(listener_, 1) != 0 ||
+      ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    throw std::runtime_error("cannot listen on 127.0.0.1");
+  }
+  port_ = ntohs(address.sin_port);
+  thread_ = std::thread([this, body = std::move(body)] {
+    int connection = ::accept(listener_, nullptr, nullptr);
+    if (connection < 0) return;
+    // The head, then as many body bytes as Content-Length announces.
+    std::size_t expected = std::string::npos;
+    char buffer[4096];
+    while (received_.size() < expected) {
+      ssize_t count = ::recv(connection, buffer, sizeof(buffer), 0);
+      if (count <= 0) break;
+      received_.append(buffer, static_cast<std::size_t>(count));
+      std::size_t end = received_.find("\r\n\r\n");
+      if (expected == std::string::npos && end != std::string::npos) {
+        std::size_t field = received_.find("\r\nContent-Length: ");
+        expected = end + 4 + (field < end ? std::stoul(received_.substr(field + 18)) : 0);
+      }
+    }
+    std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
+                        std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+    (void)::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
+    ::close(connection);
+  });
+}
+
+RawServer::~RawServer() {
+  ::shutdown(listener_, SHUT_RDWR);  // ends an accept still waiting
+  if (thread_.joinable()) thread_.join();
+  ::close(listener_);
+}
+
+std::string RawServer::baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+
+std::string RawServer::request() {
+  if (thread_.joinable()) thread_.join();
+  return received_;
 }
 
 }  // namespace pactivo::testing

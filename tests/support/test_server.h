@@ -58,6 +58,27 @@ class TestServer {
   std::vector<RecordedRequest> requests_;  // guarded by mutex_
 };
 
+// A one-request HTTP server on 127.0.0.1 that keeps the request's bytes as
+// they arrived, for what a parsing server hides (a header whose value is
+// empty, say). Answers 200 with `body`.
+class RawServer {
+ public:
+  explicit RawServer(std::string body);
+  ~RawServer();
+  RawServer(const RawServer&) = delete;
+  RawServer& operator=(const RawServer&) = delete;
+
+  std::string baseUrl() const;
+  // The request, head and body; waits for it to arrive.
+  std::string request();
+
+ private:
+  int listener_ = -1;
+  int port_ = 0;
+  std::string received_;
+  std::thread thread_;
+};
+
 }  // namespace pactivo::testing
 
 #endif  // PACTIVO_TESTS_SUPPORT_TEST_SERVER_H_
