@@ -1,77 +1,22 @@
-#include <gtest/gtest.h>
-
-#include <fstream>
+// The facade end to end: the default-value prefill, the recurring check and
+// its uploads, reconnection, re-consent, banner selection, readiness and
+// teardown, against servers on 127.0.0.1.
 #include <future>
-#include <sstream>
 #include <thread>
 
-#include "pactivo/consent_sdk.h"
-#include "pactivo/json.h"
-#include "pactivo/user_default_manager.h"
-#include "sdk/consent_sdk_access.h"
-#include "sdk/consent_sdk_impl.h"
-#include "sdk/default_urls.h"
-#include "support/test_server.h"
-#include "support/test_support.h"
+#include "pactivo/sdk_listener.h"
+#include "support/sdk_fixture.h"
 
 namespace pactivo {
 namespace {
 
-using detail::ConsentSDKAccess;
+using namespace std::chrono_literals;
 using testing::eventually;
-using testing::LogCapture;
-using testing::ManualClock;
-using testing::ScopedPlatform;
+using testing::reply;
 using testing::TestServer;
+using S = ConsentStatus;
 
-using testing::exampleDocument;
-
-std::string reply(int status, const std::string& message) {
-  return "{\"status\": " + std::to_string(status) + ", \"message\": \"" + message + "\"}";
-}
-
-class CheckCycleTest : public ::testing::Test {
- protected:
-  CheckCycleTest() : impl_(ConsentSDKAccess::impl(*sdk_)) {
-    cdn_.respond(200, exampleDocument(), "\"v3\"");
-    app_.respond(200, reply(0, "Consents saved"));
-    impl_.setClock(clock_);
-  }
-
-  ConsentSDKOptions options(std::optional<std::string> location = "DE", std::string appUrl = "") {
-    return ConsentSDKOptions(appUrl.empty() ? app_.baseUrl() : appUrl, cdn_.baseUrl(), "t", "a",
-                             false, LogLevel::debug, 120, std::nullopt, "en", std::move(location),
-                             WebViewConfig({}, std::nullopt));
-  }
-
-  // Setup, then wait for the prefill upload and for the timer it re-arms.
-  void setupThroughPrefill() {
-    sdk_->setup(options());
-    ASSERT_TRUE(eventually([&] { return app_.requestCount() == 1; })) << log_.text();
-    ASSERT_TRUE(eventually([&] { return clock_->sleepers() == 1; }));
-    impl_.waitUntilIdle();
-  }
-
-  PostConsentsRequest upload(std::size_t index) {
-    auto decoded = decode<PostConsentsRequest>(app_.requests().at(index).body);
-    EXPECT_TRUE(decoded.ok()) << decoded.error;
-    return decoded.value.value_or(PostConsentsRequest{});
-  }
-
-  std::size_t count(const std::string& fragment) {
-    std::size_t n = 0;
-    for (const auto& message : log_.messages()) n += message.find(fragment) != std::string::npos;
-    return n;
-  }
-
-  ScopedPlatform scoped_;
-  LogCapture log_;
-  TestServer cdn_;
-  TestServer app_;
-  std::shared_ptr<ManualClock> clock_ = std::make_shared<ManualClock>();
-  std::unique_ptr<ConsentSDK> sdk_ = std::make_unique<ConsentSDK>();
-  ConsentSDK::Impl& impl_;
-};
+class CheckCycleTest : public testing::SdkTest {};
 
 TEST_F(CheckCycleTest, PrefillUploadsTheDefaultsOfAUserWhoHasNotChosen) {
   setupThroughPrefill();
@@ -82,12 +27,9 @@ TEST_F(CheckCycleTest, PrefillUploadsTheDefaultsOfAUserWhoHasNotChosen) {
   EXPECT_NE(request.body.find("\"platform\":\"ios\""), std::string::npos);
   PostConsentsRequest body = upload(0);
   EXPECT_EQ(body.uuid, UserDefaultManager::getString(keys::kSubjectId, "?"));
-  EXPECT_EQ(body.appUUID, "a");
-  EXPECT_EQ(body.device, "Test Device");
-  EXPECT_TRUE(body.implicitConsent);
-  EXPECT_EQ(body.version, 3);
+  EXPECT_EQ(std::tie(body.appUUID, body.device, body.implicitConsent, body.version, body.adId),
+            std::make_tuple("a", "Test Device", true, 3, ""));
   EXPECT_EQ(body.bannerInfo, "opt-in");  // DE is a GDPR location
-  EXPECT_EQ(body.adId, "");
   EXPECT_EQ(body.sdkVersion, "9.8.7");
   EXPECT_FALSE(body.testingMode);
   // Opt-in: declined unless essential; the tracking-mapped purpose 3 follows
@@ -98,14 +40,14 @@ TEST_F(CheckCycleTest, PrefillUploadsTheDefaultsOfAUserWhoHasNotChosen) {
     EXPECT_EQ(consent.timestamp, 1700000000);
     EXPECT_EQ(consent.isEssential, consent.purposeID == 1);
   }
-  EXPECT_EQ(purposes, (std::map<std::int64_t, ConsentStatus>{{1, ConsentStatus::granted},
-                                                             {2, ConsentStatus::declined},
-                                                             {3, ConsentStatus::declined},
-                                                             {4, ConsentStatus::declined},
-                                                             {10, ConsentStatus::declined}}));
+  EXPECT_EQ(purposes, (std::map<std::int64_t, ConsentStatus>{{1, S::granted},
+                                                             {2, S::declined},
+                                                             {3, S::declined},
+                                                             {4, S::declined},
+                                                             {10, S::declined}}));
   ASSERT_EQ(body.permissions.size(), 4u);
   for (const auto& permission : body.permissions) {
-    EXPECT_EQ(permission.consentStatus, ConsentStatus::notDetermined);
+    EXPECT_EQ(permission.consentStatus, S::notDetermined);
   }
   EXPECT_EQ(UserDefaultManager::getString(keys::kConsentGivenType, ""), kConsentImplicit);
   EXPECT_FALSE(UserDefaultManager::getBool(keys::kUploadConsentRequestPending));
@@ -117,25 +59,23 @@ TEST_F(CheckCycleTest, PrefillUploadsTheDefaultsOfAUserWhoHasNotChosen) {
 
 TEST_F(CheckCycleTest, ExplicitChoicesAreReportedWithinSecondsAndOnce) {
   setupThroughPrefill();
-  auto purposes = sdk_->getPurposeConsents();
-  auto analytics = std::find_if(purposes.begin(), purposes.end(),
-                                [](const Purpose& p) { return p.purposeId == 2; });
-  ASSERT_NE(analytics, purposes.end());
-  EXPECT_EQ(analytics->consentStatus, ConsentStatus::declined);
+  Purpose analytics = sdk_->getPurposeConsents().at(2);  // essential, tracking-mapped, then by name
+  ASSERT_EQ(analytics.purposeId, 2);
+  EXPECT_EQ(analytics.consentStatus, S::declined);
   // A burst of choices is one upload, two seconds after the first.
-  ASSERT_TRUE(sdk_->set(*analytics, ConsentStatus::granted));
-  clock_->advance(std::chrono::seconds(1));
-  ASSERT_TRUE(sdk_->set(*analytics, ConsentStatus::granted));
-  EXPECT_EQ(sdk_->get(2), ConsentStatus::granted);
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_TRUE(sdk_->set(analytics, S::granted));
+  clock_->advance(1s);
+  ASSERT_TRUE(sdk_->set(analytics, S::granted));
+  EXPECT_EQ(sdk_->get(2), S::granted);
+  std::this_thread::sleep_for(50ms);
   EXPECT_EQ(app_.requestCount(), 1u);
-  clock_->advance(std::chrono::seconds(1));
+  clock_->advance(1s);
   ASSERT_TRUE(eventually([&] { return app_.requestCount() == 2; })) << log_.text();
   PostConsentsRequest body = upload(1);
   EXPECT_FALSE(body.implicitConsent);
   ASSERT_EQ(body.purposeConsents.size(), 1u);
   EXPECT_EQ(body.purposeConsents[0].purposeID, 2);
-  EXPECT_EQ(body.purposeConsents[0].consentStatus, ConsentStatus::granted);
+  EXPECT_EQ(body.purposeConsents[0].consentStatus, S::granted);
   ASSERT_TRUE(eventually([&] { return UserDefaultManager::getPendingPurposes().empty(); }));
   // Reported: later checks have nothing to send.
   for (int i = 0; i < 10; ++i) sdk_->checkConsents();
@@ -146,99 +86,94 @@ TEST_F(CheckCycleTest, UploadResponses) {
   setupThroughPrefill();
   struct Case {
     const char* name;
-    std::function<void()> arrange;
+    int httpStatus;
+    std::string body;
     bool pendingAfter;
     bool listsCleared;
     std::string log;
   } cases[] = {
-      {"status 0", [&] { app_.respond(200, reply(0, "saved")); }, false, true,
-       "[INFO] [consent_sdk_public_methods.cc"},
-      {"status 1", [&] { app_.respond(200, reply(1, "rejected")); }, true, false,
+      {"status 0", 200, reply(0, "saved"), false, true, "[INFO] [consent_sdk_public_methods.cc"},
+      {"status 1", 200, reply(1, "rejected"), true, false,
        "uploadConsents(url:request:) - rejected"},
-      {"status 1, no message", [&] { app_.respond(200, reply(1, "")); }, true, false,
+      {"status 1, no message", 200, reply(1, ""), true, false,
        "uploadConsents(url:request:) - Failed to Upload Consents"},
-      {"status 2", [&] { app_.respond(200, reply(2, "ignored")); }, false, false,
+      {"status 2", 200, reply(2, "ignored"), false, false,
        "uploadConsents(url:request:) - ignored"},
-      {"server error", [&] { app_.respond(500, "{}"); }, true, false,
+      {"server error", 500, "{}", true, false,
        "uploadConsents(url:request:) - Failed with Status (500)"},
+      {"refused", 0, "", true, false, "[ERROR] [consent_sdk_public_methods.cc"},
   };
   PostConsentsRequest request("u", "a", "d", false, 3, {}, {}, false, "", "opt-in");
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    c.arrange();
+    app_.respond(c.httpStatus, c.body);
     UserDefaultManager::addPendingPurpose(5);
     log_.clear();
-    impl_.uploadConsents(app_.baseUrl(), request);
+    impl_.uploadConsents(c.httpStatus ? app_.baseUrl() : "http://127.0.0.1:9/", request);
     EXPECT_EQ(UserDefaultManager::getBool(keys::kUploadConsentRequestPending), c.pendingAfter);
     EXPECT_EQ(UserDefaultManager::getPendingPurposes().empty(), c.listsCleared);
     EXPECT_TRUE(log_.contains(c.log)) << log_.text();
-    if (c.pendingAfter) {
-      EXPECT_TRUE(log_.contains("[ERROR]"));
-    }
+    EXPECT_EQ(log_.contains("[ERROR]"), c.pendingAfter);
     EXPECT_TRUE(eventually([&] { return clock_->sleepers() == 1; }));  // one live timer
   }
-  log_.clear();
-  impl_.uploadConsents("http://127.0.0.1:9/", request);
-  EXPECT_TRUE(UserDefaultManager::getBool(keys::kUploadConsentRequestPending));
-  EXPECT_TRUE(log_.contains("uploadConsents(url:request:) - "));
 }
 
 TEST_F(CheckCycleTest, FailedUploadIsRetriedAtTheNextTickEvenWithoutChanges) {
   setupThroughPrefill();
   app_.respond(500, "{}");
   UserDefaultManager::setBool(keys::kUploadConsentRequestPending, true);
-  clock_->advance(std::chrono::seconds(120));
+  clock_->advance(120s);
   ASSERT_TRUE(eventually([&] { return app_.requestCount() == 2; }));
   ASSERT_TRUE(eventually([&] { return clock_->sleepers() == 1; }));
   impl_.waitUntilIdle();
   app_.respond(200, reply(0, "ok"));
-  clock_->advance(std::chrono::seconds(120));
+  clock_->advance(120s);
   ASSERT_TRUE(eventually([&] { return app_.requestCount() == 3; }));
   impl_.waitUntilIdle();
   EXPECT_FALSE(UserDefaultManager::getBool(keys::kUploadConsentRequestPending));
   // Nothing changed and nothing pending: a tick uploads nothing and does not
   // touch the main thread.
-  const int mainThreadCalls = scoped_.platform().mainThreadCalls();
-  clock_->advance(std::chrono::seconds(120));
-  ASSERT_TRUE(eventually([&] { return count("Purposes consent checks executed") >= 3; }));
+  const int mainThreadCalls = platform().mainThreadCalls();
+  clock_->advance(120s);
+  ASSERT_TRUE(eventually([&] { return log_.count("Purposes consent checks executed") >= 3; }));
   impl_.waitUntilIdle();
   EXPECT_EQ(app_.requestCount(), 3u);
-  EXPECT_EQ(scoped_.platform().mainThreadCalls(), mainThreadCalls);
+  EXPECT_EQ(platform().mainThreadCalls(), mainThreadCalls);
 }
 
 TEST_F(CheckCycleTest, ReconnectionStartsACheckOnlyAfterBeingOffline) {
-  using S = NetworkPathStatus;
+  using P = NetworkPathStatus;
   struct Case {
-    std::vector<S> paths;
+    std::vector<P> paths;
     std::size_t checks;
   } cases[] = {
-      {{S::satisfied}, 0},
-      {{S::unsatisfied, S::satisfied}, 1},
-      {{S::satisfied, S::unsatisfied, S::satisfied}, 1},
-      {{S::unsatisfied, S::requiresConnection}, 0},
-      {{S::unsatisfied, S::requiresConnection, S::satisfied}, 0},
-      {{S::satisfied, S::satisfied}, 0},
-      {{S::unsatisfied, S::satisfied, S::unsatisfied, S::satisfied}, 2},
+      {{P::satisfied}, 0},
+      {{P::unsatisfied, P::satisfied}, 1},
+      {{P::satisfied, P::unsatisfied, P::satisfied}, 1},
+      {{P::unsatisfied, P::requiresConnection}, 0},
+      {{P::unsatisfied, P::requiresConnection, P::satisfied}, 0},
+      {{P::satisfied, P::satisfied}, 0},
+      {{P::unsatisfied, P::satisfied, P::unsatisfied, P::satisfied}, 2},
   };
   setupThroughPrefill();
   for (const auto& c : cases) {
     impl_.startNetworkMonitoring();  // a fresh monitor: no previous path
     impl_.waitUntilIdle();
     log_.clear();
-    for (S path : c.paths) ASSERT_TRUE(scoped_.platform().reportPath(path));
+    for (P path : c.paths) ASSERT_TRUE(platform().reportPath(path));
     impl_.waitUntilIdle();
-    EXPECT_EQ(count("Purposes consent checks executed"), c.checks) << c.paths.size();
+    EXPECT_EQ(log_.count("Purposes consent checks executed"), c.checks) << &c - cases;
   }
 }
 
 TEST_F(CheckCycleTest, ReConsentWhenTheServerPublishesANewVersion) {
   setupThroughPrefill();
   UserDefaultManager::setString(keys::kConsentGivenType, kConsentExplicit);
-  MainConfiguration next = *decode<MainConfiguration>(exampleDocument()).value;
+  MainConfiguration next = testing::exampleConfiguration();
   next.version = 4;
   next.reConsentEnabled = true;
   cdn_.respond(200, encode(next), "\"v4\"");
-  scoped_.platform().advance(3601);
+  platform().advance(3601);
   ASSERT_TRUE(impl_.getCDNFile());
   EXPECT_EQ(UserDefaultManager::getInt(keys::kSdkVersion), 4);
   // The reset starts the prefill again, which records and uploads defaults.
@@ -251,47 +186,41 @@ TEST_F(CheckCycleTest, ReConsentWhenTheServerPublishesANewVersion) {
 TEST_F(CheckCycleTest, TeardownWithWorkInFlightIsPrompt) {
   setupThroughPrefill();
   auto slow = [](const httplib::Request&, httplib::Response& response) {
-    std::this_thread::sleep_for(std::chrono::seconds(3));
+    std::this_thread::sleep_for(3s);
     response.set_content(reply(0, "late"), "application/json");
   };
   cdn_.setHandler(slow);
   app_.setHandler(slow);
-  scoped_.platform().advance(3601);  // the next check fetches
+  platform().advance(3601);  // the next check fetches
   UserDefaultManager::setBool(keys::kUploadConsentRequestPending, true);
-  clock_->advance(std::chrono::seconds(120));                          // a check
+  clock_->advance(120s);                                               // a check
   sdk_->uploadConsents(app_.baseUrl(), PostConsentsRequest{}, [] {});  // an upload
   ASSERT_TRUE(eventually([&] { return cdn_.requestCount() >= 2 && app_.requestCount() >= 2; }));
   auto start = std::chrono::steady_clock::now();
   sdk_.reset();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
 }
 
 TEST_F(CheckCycleTest, RepeatedSetupKeepsOneTimerAndOneMonitor) {
   setupThroughPrefill();
-  for (int i = 0; i < 3; ++i) {
-    sdk_->setup(options());
-    impl_.waitUntilIdle();
-  }
+  for (int i = 0; i < 3; ++i) setup();
   EXPECT_TRUE(eventually([&] { return clock_->sleepers() == 1; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  std::this_thread::sleep_for(20ms);
   EXPECT_EQ(clock_->sleepers(), 1);
-  EXPECT_TRUE(scoped_.platform().reportPath(NetworkPathStatus::satisfied));
-  // Only the newest monitor listens: one report reaches one handler.
-  EXPECT_EQ(UserDefaultManager::getString(keys::kSubjectId, "").size(), 36u);
+  EXPECT_TRUE(platform().reportPath(NetworkPathStatus::satisfied));
 }
 
 TEST_F(CheckCycleTest, HostThreadsAndTheCycleAtOnce) {
   setupThroughPrefill();
-  scoped_.platform().setStandardPreference("ARE_PURPOSES_CHANGED", true);
+  platform().setStandardPreference("ARE_PURPOSES_CHANGED", true);
   std::atomic<bool> stop{false};
   std::vector<std::thread> hosts;
   for (int t = 0; t < 3; ++t) {
     hosts.emplace_back([&, t] {
       Purpose purpose;
       purpose.purposeId = 2 + t;
-      int i = 0;
-      while (!stop) {
-        sdk_->set(purpose, i++ % 2 ? ConsentStatus::granted : ConsentStatus::declined);
+      for (int i = 0; !stop; ++i) {
+        sdk_->set(purpose, i % 2 ? S::granted : S::declined);
         sdk_->get(2 + t);
         sdk_->get(LumariKey::cameraUsageDescription);
         if (i % 10 == 0) sdk_->getPurposeConsents();
@@ -300,10 +229,10 @@ TEST_F(CheckCycleTest, HostThreadsAndTheCycleAtOnce) {
     });
   }
   for (int round = 0; round < 10; ++round) {
-    clock_->advance(std::chrono::seconds(120));
-    scoped_.platform().reportPath(NetworkPathStatus::unsatisfied);
-    scoped_.platform().reportPath(NetworkPathStatus::satisfied);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    clock_->advance(120s);
+    platform().reportPath(NetworkPathStatus::unsatisfied);
+    platform().reportPath(NetworkPathStatus::satisfied);
+    std::this_thread::sleep_for(20ms);
   }
   stop = true;
   for (auto& host : hosts) host.join();
@@ -314,15 +243,13 @@ TEST_F(CheckCycleTest, HostThreadsAndTheCycleAtOnce) {
 
 class BannerTest : public CheckCycleTest {
  protected:
-  ~BannerTest() override { detail::overrideDefaultApplicationServerBaseUrl(""); }
   std::optional<std::string> banner(std::optional<std::string> location) {
     impl_.waitUntilIdle();
-    sdk_->setup(options(std::move(location)));
-    impl_.waitUntilIdle();
+    setup({.location = std::move(location)});
     auto selected = sdk_->getBannerConfig(std::nullopt);
     return selected ? selected->name : std::nullopt;
   }
-  std::string locationReply(const std::string& country, const std::string& location) {
+  static std::string located(const std::string& country, const std::string& location) {
     auto map = [](const std::string& v) { return "{\"code\": \"" + v + "\"}"; };
     return R"({"status": 0, "message": "ok", "data": {"City": {}, "Continent": {}, "Country": {},)"
            R"( "CountryISOCode": )" +
@@ -332,41 +259,37 @@ class BannerTest : public CheckCycleTest {
 };
 
 TEST_F(BannerTest, HostLocationCandidates) {
-  struct Case {
-    std::optional<std::string> location;
-    std::optional<std::string> banner;
-  } cases[] = {
-      {"DE", "GDPR"}, {"US-CA", "CCPA"}, {"FR-75", "GDPR"}, {"JP", "Notice"}, {"", "Notice"}};
-  for (const auto& c : cases) EXPECT_EQ(banner(c.location), c.banner) << *c.location;
+  for (auto [location, name] : {std::pair{"DE", "GDPR"},
+                                {"US-CA", "CCPA"},
+                                {"FR-75", "GDPR"},
+                                {"JP", "Notice"},
+                                {"", "Notice"}}) {
+    EXPECT_EQ(banner(location), name) << location;
+  }
 }
 
 TEST_F(BannerTest, LookedUpLocationIsKeptForAnHour) {
-  TestServer geo;
-  geo.respond(200, locationReply("DE", "DE-BY"));
-  detail::overrideDefaultApplicationServerBaseUrl(geo.baseUrl());
+  app_.respond(200, located("DE", "DE-BY"));
   EXPECT_EQ(banner(std::nullopt), "GDPR");
-  ASSERT_GE(geo.requestCount(), 1u);
-  EXPECT_EQ(geo.requests().back().path, "/core/v1/utils/geo/location");
+  ASSERT_GE(app_.requestCount(), 1u);
+  EXPECT_EQ(app_.requests().front().path, "/core/v1/utils/geo/location");
   EXPECT_EQ(UserDefaultManager::getStoredCountryCode(), "DE");
   EXPECT_EQ(UserDefaultManager::getStoredLocation(), "DE-BY");
-  const std::size_t lookups = geo.requestCount();
 
-  scoped_.platform().advance(3599);
-  geo.respond(200, locationReply("US-CA", "US-CA"));
+  platform().advance(3599);
+  app_.respond(200, located("US-CA", "US-CA"));
+  app_.clearRequests();
   EXPECT_EQ(banner(std::nullopt), "GDPR");  // fresh: no lookup
-  EXPECT_EQ(geo.requestCount(), lookups);
-  scoped_.platform().advance(2);
+  EXPECT_EQ(app_.requestCount(), 0u);
+  platform().advance(2);
   EXPECT_EQ(banner(std::nullopt), "CCPA");
-  EXPECT_GT(geo.requestCount(), lookups);
 }
 
 TEST_F(BannerTest, FailedLookupsFallBackToDefault) {
-  TestServer geo;
-  detail::overrideDefaultApplicationServerBaseUrl(geo.baseUrl());
-  geo.respond(200, R"({"status": 1, "message": "unknown"})");
+  app_.respond(200, R"({"status": 1, "message": "unknown"})");
   EXPECT_EQ(banner(std::nullopt), "Notice");
   EXPECT_TRUE(log_.contains("getCurrentLocation() - Failed to current location\n"));
-  geo.respond(503, "{}");
+  app_.respond(503, "{}");
   log_.clear();
   EXPECT_EQ(banner(std::nullopt), "Notice");
   EXPECT_TRUE(
@@ -375,13 +298,13 @@ TEST_F(BannerTest, FailedLookupsFallBackToDefault) {
 
 TEST_F(BannerTest, SelectionRules) {
   setupThroughPrefill();
-  MainConfiguration document = *decode<MainConfiguration>(exampleDocument()).value;
+  MainConfiguration document = testing::exampleConfiguration();
   auto selected = sdk_->getBannerConfig(document);
   ASSERT_TRUE(selected);
   EXPECT_EQ(selected->translations, document.translations);
   document.bannerConfig->categories["gdpr"].bannerReappearanceTime.reset();
   document.bannerConfig->categories["gdpr"].complianceType.reset();
-  selected = sdk_->getBannerConfig(document);
+  sdk_->getBannerConfig(document);
   EXPECT_EQ(UserDefaultManager::getString(keys::kBannerInterval, ""), "12 month");
   EXPECT_EQ(UserDefaultManager::getComplianceType(), ComplianceType::noticeOnly);
   document.bannerConfig->locations.erase("default");
@@ -391,20 +314,18 @@ TEST_F(BannerTest, SelectionRules) {
   EXPECT_FALSE(sdk_->getBannerConfig(document));
 }
 
-TEST_F(CheckCycleTest, QueriesWithoutADocumentAreEmpty) {
-  ConsentSDK offline;
-  EXPECT_TRUE(offline.getPurposeConsents().empty());
-  EXPECT_TRUE(offline.getPermissionConsents().empty());
-  EXPECT_FALSE(offline.getGCMConfig());
-  EXPECT_FALSE(offline.getSettingsPrompt());
-  EXPECT_TRUE(offline.getGCMConsents().empty());
-  EXPECT_FALSE(offline.getBannerConfig(std::nullopt));
-  EXPECT_EQ(offline.get(99), ConsentStatus::granted);
-  UserDefaultManager::setComplianceType(ComplianceType::optIn);
-  EXPECT_EQ(offline.get(99), ConsentStatus::declined);
-}
-
 TEST_F(CheckCycleTest, DocumentQueries) {
+  {
+    ConsentSDK offline;  // no document yet
+    EXPECT_TRUE(offline.getPurposeConsents().empty());
+    EXPECT_TRUE(offline.getPermissionConsents().empty());
+    EXPECT_FALSE(offline.getGCMConfig() || offline.getSettingsPrompt());
+    EXPECT_TRUE(offline.getGCMConsents().empty());
+    EXPECT_FALSE(offline.getBannerConfig(std::nullopt));
+    EXPECT_EQ(offline.get(99), S::granted);
+    UserDefaultManager::setComplianceType(ComplianceType::optIn);
+    EXPECT_EQ(offline.get(99), S::declined);
+  }
   setupThroughPrefill();
   EXPECT_EQ(sdk_->getPermissionConsents().size(), 4u);
   ASSERT_TRUE(sdk_->getSettingsPrompt());
@@ -412,17 +333,14 @@ TEST_F(CheckCycleTest, DocumentQueries) {
   ASSERT_TRUE(sdk_->getGCMConfig());
   // Location DE overrides: analytics needs purposes 2 and 4, which are
   // declined under opt-in.
-  auto gcm = sdk_->getGCMConsents();
-  EXPECT_EQ(gcm.at(GoogleConsentType::analyticsStorage), ConsentStatus::declined);
-  Purpose p2;
-  p2.purposeId = 2;
-  Purpose p4;
-  p4.purposeId = 4;
-  sdk_->set(p2, ConsentStatus::granted);
-  sdk_->set(p4, ConsentStatus::granted);
-  EXPECT_EQ(sdk_->get(2), ConsentStatus::granted);
-  EXPECT_EQ(sdk_->get(4), ConsentStatus::granted);
-  EXPECT_EQ(sdk_->getGCMConsents().at(GoogleConsentType::analyticsStorage), ConsentStatus::granted);
+  EXPECT_EQ(sdk_->getGCMConsents().at(GoogleConsentType::analyticsStorage), S::declined);
+  for (std::int64_t id : {2, 4}) {
+    Purpose p;
+    p.purposeId = id;
+    sdk_->set(p, S::granted);
+    EXPECT_EQ(sdk_->get(id), S::granted);
+  }
+  EXPECT_EQ(sdk_->getGCMConsents().at(GoogleConsentType::analyticsStorage), S::granted);
 
   std::promise<std::vector<Purpose>> purposes;
   sdk_->getPurposeConsents([&](std::vector<Purpose> list) { purposes.set_value(std::move(list)); });
@@ -431,10 +349,10 @@ TEST_F(CheckCycleTest, DocumentQueries) {
   // A permission choice must match the platform.
   AppPermission camera;
   camera.permissionId = LumariKey::cameraUsageDescription;
-  EXPECT_FALSE(sdk_->set(camera, ConsentStatus::granted));
-  scoped_.platform().setProbe("cameraAuthorizationStatus", 3);
-  EXPECT_TRUE(sdk_->set(camera, ConsentStatus::granted));
-  EXPECT_EQ(sdk_->get(LumariKey::cameraUsageDescription), ConsentStatus::granted);
+  EXPECT_FALSE(sdk_->set(camera, S::granted));
+  platform().setProbe("cameraAuthorizationStatus", 3);
+  EXPECT_TRUE(sdk_->set(camera, S::granted));
+  EXPECT_EQ(sdk_->get(LumariKey::cameraUsageDescription), S::granted);
 
   sdk_->removeConsents();
   EXPECT_TRUE(UserDefaultManager::allEntries().empty());
@@ -442,25 +360,56 @@ TEST_F(CheckCycleTest, DocumentQueries) {
 
 TEST_F(CheckCycleTest, SetForwardsToGoogleConsentModeOnlyWhenAccepted) {
   std::atomic<int> handed{0};
-  scoped_.platform().setConsentModeHandler(
-      [&](const std::map<std::string, std::string>&) { ++handed; });
+  platform().setConsentModeHandler([&](const std::map<std::string, std::string>&) { ++handed; });
   setupThroughPrefill();
   Purpose essential;
   essential.purposeId = 1;
   essential.disableOptOut = true;
-  EXPECT_FALSE(sdk_->set(essential, ConsentStatus::declined));
+  EXPECT_FALSE(sdk_->set(essential, S::declined));
   impl_.waitUntilIdle();
   EXPECT_EQ(handed, 0);
-  EXPECT_TRUE(sdk_->set(essential, ConsentStatus::granted));
+  EXPECT_TRUE(sdk_->set(essential, S::granted));
   impl_.waitUntilIdle();
   EXPECT_EQ(handed, 1);
 }
 
-}  // namespace
-}  // namespace pactivo
+TEST_F(CheckCycleTest, ReadinessCallbacks) {
+  SDKListener& status = *impl_.sdkListener;
+  std::vector<SDKStatus> first, second;  // written on this thread only
+  sdk_->isReady([&](SDKStatus s) { first.push_back(s); });
+  EXPECT_EQ(first, (std::vector{SDKStatus::unavailable}));
+  status.setIsReady(SDKStatus::fetching);
+  status.setIsReady(SDKStatus::fetching);
+  status.setIsReady(SDKStatus::available);
+  EXPECT_EQ(first,
+            (std::vector{SDKStatus::unavailable, SDKStatus::fetching, SDKStatus::available}));
+  // A second callback ends the first; its immediate call does not count as a
+  // delivery, so re-delivering `available` is suppressed. It may re-enter.
+  sdk_->isReady([&](SDKStatus s) {
+    second.push_back(sdk_->getStatus());
+    if (s == SDKStatus::unavailable) sdk_->removeListeners();
+  });
+  status.setIsReady(SDKStatus::available);
+  status.setIsReady(SDKStatus::unavailable);
+  status.setIsReady(SDKStatus::fetching);
+  EXPECT_EQ(first.size(), 3u);
+  EXPECT_EQ(second, (std::vector{SDKStatus::available, SDKStatus::unavailable}));
+  EXPECT_EQ(sdk_->getStatus(), SDKStatus::fetching);
 
-namespace pactivo {
-namespace {
+  // The raw observation sees every write until invalidated.
+  auto listener = std::make_shared<SDKListener>();
+  std::vector<std::pair<SDKStatus, SDKStatus>> changes;
+  auto observation = SDKListener::observe(listener, [&](SDKStatus before, SDKStatus after) {
+    changes.push_back({before, after});
+  });
+  listener->setIsReady(SDKStatus::fetching);
+  listener->setIsReady(SDKStatus::fetching);
+  EXPECT_EQ(changes.size(), 2u);
+  EXPECT_EQ(changes[0], std::make_pair(SDKStatus::unavailable, SDKStatus::fetching));
+  observation.invalidate();
+  listener->setIsReady(SDKStatus::available);
+  EXPECT_EQ(changes.size(), 2u);
+}
 
 // The real path monitor reports on its own thread while teardown runs; a
 // report racing the teardown must not deadlock it.
@@ -478,7 +427,7 @@ TEST(TeardownTest, RacesTheLinuxPathMonitor) {
                                   WebViewConfig({}, std::nullopt)));
       std::this_thread::sleep_for(std::chrono::microseconds(200 * (round % 10)));
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)) << round;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s) << round;
   }
   installPlatform(nullptr);
 }

@@ -1,3 +1,5 @@
+// The exact texts of the string-backed enumerations and keys, and the
+// normalisation of the host's options.
 #include <gtest/gtest.h>
 
 #include "pactivo/enums.h"
@@ -7,28 +9,17 @@
 namespace pactivo {
 namespace {
 
-TEST(Enums, RawValuesRoundTripExactly) {
-  struct Case {
-    std::string_view raw;
-    std::optional<ConsentStatus> expected;
-  } cases[] = {
-      {"granted", ConsentStatus::granted},
-      {"declined", ConsentStatus::declined},
-      {"not_determined", ConsentStatus::notDetermined},
-      {"withdrawn", ConsentStatus::withDrawn},
-      {"withDrawn", std::nullopt},
-      {"Granted", std::nullopt},
-      {"", std::nullopt},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(fromRawValue<ConsentStatus>(c.raw), c.expected) << c.raw;
-    if (c.expected) {
-      EXPECT_EQ(rawValue(*c.expected), c.raw);
-    }
+TEST(Enums, RawValuesAreExact) {
+  for (auto [raw, expected] : {std::pair{"granted", ConsentStatus::granted},
+                               {"declined", ConsentStatus::declined},
+                               {"not_determined", ConsentStatus::notDetermined},
+                               {"withdrawn", ConsentStatus::withDrawn}}) {
+    EXPECT_EQ(fromRawValue<ConsentStatus>(raw), expected) << raw;
+    EXPECT_EQ(rawValue(expected), raw);
   }
-}
-
-TEST(Enums, OtherStringBackedEnumerations) {
+  for (const char* bad : {"withDrawn", "Granted", ""}) {
+    EXPECT_EQ(fromRawValue<ConsentStatus>(bad), std::nullopt) << bad;
+  }
   EXPECT_EQ(rawValue(ComplianceType::noticeOnly), "notice-only");
   EXPECT_EQ(fromRawValue<ComplianceType>("opt_in"), std::nullopt);
   EXPECT_EQ(fromRawValue<ComplianceType>("opt-out"), ComplianceType::optOut);
@@ -44,66 +35,53 @@ TEST(Enums, OtherStringBackedEnumerations) {
   EXPECT_EQ(rawValue(PurposeStatus::notDetermined), "Not Determined");
   EXPECT_EQ(fromRawValue<ButtonShape>("edgeless"), ButtonShape::edgeless);
   EXPECT_EQ(fromRawValue<BannerPosition>("top"), std::nullopt);
-}
-
-TEST(Enums, SdkStatusValuesAndTexts) {
-  EXPECT_EQ(sdkStatusFromRawValue(0), SDKStatus::available);
-  EXPECT_EQ(sdkStatusFromRawValue(1), SDKStatus::unavailable);
-  EXPECT_EQ(sdkStatusFromRawValue(2), SDKStatus::fetching);
-  EXPECT_EQ(sdkStatusFromRawValue(3), std::nullopt);
-  EXPECT_EQ(sdkStatusFromRawValue(-1), std::nullopt);
+  for (int raw = -1; raw <= 3; ++raw) {
+    auto status = sdkStatusFromRawValue(raw);
+    EXPECT_EQ(status.has_value(), raw >= 0 && raw <= 2) << raw;
+    EXPECT_EQ(static_cast<int>(status.value_or(SDKStatus{-1})), status ? raw : -1);
+  }
   EXPECT_EQ(status(SDKStatus::available), "SDK CDN is ready to use!");
   EXPECT_EQ(status(SDKStatus::unavailable), "SDK CDN is not available!");
   EXPECT_EQ(status(SDKStatus::fetching), "fetching SDK CDN...");
 }
 
 TEST(Enums, PermissionStatusReduction) {
-  struct Case {
-    PermissionStatus status;
-    ConsentStatus consent;
-  } cases[] = {
-      {PermissionStatus::authorized, ConsentStatus::granted},
-      {PermissionStatus::authorizedAlways, ConsentStatus::granted},
-      {PermissionStatus::authorizedWhenInUse, ConsentStatus::granted},
-      {PermissionStatus::denied, ConsentStatus::declined},
-      {PermissionStatus::restricted, ConsentStatus::declined},
-      {PermissionStatus::notDetermined, ConsentStatus::notDetermined},
-      {PermissionStatus::unknown, ConsentStatus::notDetermined},
-      {PermissionStatus::provisional, ConsentStatus::granted},
-      {PermissionStatus::limited, ConsentStatus::granted},
-      {PermissionStatus::notAvailable, ConsentStatus::notDetermined},
-      {PermissionStatus::fullAccess, ConsentStatus::granted},
-      {PermissionStatus::writeOnly, ConsentStatus::granted},
-      {PermissionStatus::ephemeral, ConsentStatus::granted},
-  };
-  for (const auto& c : cases) EXPECT_EQ(toConsentStatus(c.status), c.consent) << rawValue(c.status);
+  using P = PermissionStatus;
+  using C = ConsentStatus;
+  for (auto [status, consent] : {std::pair{P::authorized, C::granted},
+                                 {P::authorizedAlways, C::granted},
+                                 {P::authorizedWhenInUse, C::granted},
+                                 {P::denied, C::declined},
+                                 {P::restricted, C::declined},
+                                 {P::notDetermined, C::notDetermined},
+                                 {P::unknown, C::notDetermined},
+                                 {P::provisional, C::granted},
+                                 {P::limited, C::granted},
+                                 {P::notAvailable, C::notDetermined},
+                                 {P::fullAccess, C::granted},
+                                 {P::writeOnly, C::granted},
+                                 {P::ephemeral, C::granted}}) {
+    EXPECT_EQ(toConsentStatus(status), consent) << rawValue(status);
+  }
 }
 
 TEST(LumariKeyTest, ConstructionNeverFailsAndMatchesExactly) {
-  struct Case {
-    std::string_view raw;
-    LumariKey::Case expected;
-  } cases[] = {
-      {"NSCameraUsageDescription", LumariKey::cameraUsageDescription},
-      {"NSCameraUsageDescriptionX", LumariKey::custom},
-      {"nscamerausagedescription", LumariKey::custom},
-      {"NFCReaderUsageDescription", LumariKey::nfcReaderUsageDescription},
-      {"NSLocationWhenInUseUsageDescription", LumariKey::locationWhenInUseUsageDescription},
-      {"", LumariKey::custom},
-  };
-  for (const auto& c : cases) {
-    LumariKey key = LumariKey::fromRawValue(c.raw);
-    EXPECT_EQ(key.kind(), c.expected) << c.raw;
-    EXPECT_EQ(key.rawValue(), c.raw);
+  for (auto [raw, expected] :
+       {std::pair{"NSCameraUsageDescription", LumariKey::cameraUsageDescription},
+        {"NSCameraUsageDescriptionX", LumariKey::custom},
+        {"nscamerausagedescription", LumariKey::custom},
+        {"NFCReaderUsageDescription", LumariKey::nfcReaderUsageDescription},
+        {"NSLocationWhenInUseUsageDescription", LumariKey::locationWhenInUseUsageDescription},
+        {"", LumariKey::custom}}) {
+    LumariKey key = LumariKey::fromRawValue(raw);
+    EXPECT_EQ(key.kind(), expected) << raw;
+    EXPECT_EQ(key.rawValue(), raw);
   }
   EXPECT_EQ(LumariKey(LumariKey::systemExtensionUsageDescription).caseIndex(), 26);
   EXPECT_EQ(LumariKey::fromRawValue("x").caseIndex(), 28);
-}
-
-TEST(LumariKeyTest, CustomSpellingOfFixedKeyIsNotEqual) {
-  LumariKey custom = LumariKey::makeCustom("NSCameraUsageDescription");
-  LumariKey fixed = LumariKey::cameraUsageDescription;
-  EXPECT_NE(custom, fixed);
+  // A custom key spelled like a fixed one is still custom.
+  EXPECT_NE(LumariKey::makeCustom("NSCameraUsageDescription"),
+            LumariKey(LumariKey::cameraUsageDescription));
   EXPECT_EQ(LumariKey::makeCustom("a"), LumariKey::fromRawValue("a"));
   EXPECT_NE(LumariKey::makeCustom("a"), LumariKey::makeCustom("b"));
   std::hash<LumariKey> hash;
@@ -111,27 +89,27 @@ TEST(LumariKeyTest, CustomSpellingOfFixedKeyIsNotEqual) {
   EXPECT_NE(hash(LumariKey::cameraUsageDescription), hash(LumariKey::microphoneUsageDescription));
 }
 
-ConsentSDKOptions makeOptions(std::int64_t interval, std::optional<std::string> language,
-                              bool testing = false) {
-  return ConsentSDKOptions("https://app/", "https://cdn/", "t", "a", testing, LogLevel::info,
-                           interval, std::nullopt, std::move(language), std::nullopt,
-                           WebViewConfig({}, std::nullopt));
-}
-
 TEST(OptionsTest, Normalisation) {
-  struct Case {
-    std::int64_t interval;
-    std::int64_t stored;
-  } intervals[] = {{-5, 60}, {0, 60}, {59, 60}, {60, 60}, {61, 61}, {86400 * 365, 86400 * 365}};
-  for (const auto& c : intervals) {
-    EXPECT_EQ(makeOptions(c.interval, std::nullopt).consentsCheckInterval, c.stored) << c.interval;
+  auto make = [](std::int64_t interval, std::optional<std::string> language, bool testing) {
+    return ConsentSDKOptions("https://app/", "https://cdn/", "t", "a", testing, LogLevel::info,
+                             interval, std::nullopt, std::move(language), std::nullopt,
+                             WebViewConfig({}, std::nullopt));
+  };
+  // The check interval has a 60 s floor.
+  for (auto [interval, stored] : {std::pair<std::int64_t, std::int64_t>{-5, 60},
+                                  {0, 60},
+                                  {59, 60},
+                                  {60, 60},
+                                  {61, 61},
+                                  {86400 * 365, 86400 * 365}}) {
+    EXPECT_EQ(make(interval, std::nullopt, false).consentsCheckInterval, stored) << interval;
   }
-  EXPECT_EQ(makeOptions(60, "EN").languageCode, "en");
-  EXPECT_EQ(makeOptions(60, "Pt-BR").languageCode, "pt-br");
-  EXPECT_EQ(makeOptions(60, "").languageCode, "");
-  EXPECT_EQ(makeOptions(60, std::nullopt).languageCode, std::nullopt);
-  EXPECT_EQ(makeOptions(60, std::nullopt, true).mode, Mode::draft);
-  EXPECT_EQ(makeOptions(60, std::nullopt, false).mode, Mode::live);
+  EXPECT_EQ(make(60, "EN", false).languageCode, "en");
+  EXPECT_EQ(make(60, "Pt-BR", false).languageCode, "pt-br");
+  EXPECT_EQ(make(60, "", false).languageCode, "");
+  EXPECT_EQ(make(60, std::nullopt, false).languageCode, std::nullopt);
+  EXPECT_EQ(make(60, std::nullopt, true).mode, Mode::draft);
+  EXPECT_EQ(make(60, std::nullopt, false).mode, Mode::live);
 }
 
 }  // namespace

@@ -38,42 +38,26 @@ class ScopedEnvironment {
 };
 
 TEST(LinuxPlatformTest, PreferredLanguagesFromTheLocale) {
-  using Env = std::map<std::string, std::optional<std::string>>;
+  // LANGUAGE, LC_ALL, LC_MESSAGES, LANG; "-" is unset.
   struct Case {
-    Env env;
+    std::vector<const char*> env;
     std::vector<std::string> languages;
   } cases[] = {
-      {{{"LANGUAGE", std::nullopt},
-        {"LC_ALL", std::nullopt},
-        {"LC_MESSAGES", std::nullopt},
-        {"LANG", "de_DE.UTF-8"}},
-       {"de-DE"}},
-      {{{"LANGUAGE", "fr_CA:en"},
-        {"LC_ALL", "de_DE.UTF-8"},
-        {"LC_MESSAGES", std::nullopt},
-        {"LANG", "C"}},
-       {"fr-CA", "en"}},
-      {{{"LANGUAGE", ""}, {"LC_ALL", "C"}, {"LC_MESSAGES", std::nullopt}, {"LANG", "de_DE"}},
-       {"en"}},
-      {{{"LANGUAGE", std::nullopt},
-        {"LC_ALL", std::nullopt},
-        {"LC_MESSAGES", "POSIX"},
-        {"LANG", std::nullopt}},
-       {"en"}},
-      {{{"LANGUAGE", std::nullopt},
-        {"LC_ALL", std::nullopt},
-        {"LC_MESSAGES", "sr_RS@latin"},
-        {"LANG", std::nullopt}},
-       {"sr-RS"}},
-      {{{"LANGUAGE", std::nullopt},
-        {"LC_ALL", std::nullopt},
-        {"LC_MESSAGES", std::nullopt},
-        {"LANG", std::nullopt}},
-       {"en"}},
+      {{"-", "-", "-", "de_DE.UTF-8"}, {"de-DE"}},
+      {{"fr_CA:en", "de_DE.UTF-8", "-", "C"}, {"fr-CA", "en"}},
+      {{"", "C", "-", "de_DE"}, {"en"}},
+      {{"-", "-", "POSIX", "-"}, {"en"}},
+      {{"-", "-", "sr_RS@latin", "-"}, {"sr-RS"}},
+      {{"-", "-", "-", "-"}, {"en"}},
   };
+  const char* names[] = {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"};
   for (const auto& c : cases) {
-    ScopedEnvironment env(c.env);
-    EXPECT_EQ(LinuxPlatform().preferredLanguages(), c.languages) << c.languages.front();
+    std::map<std::string, std::optional<std::string>> env;
+    for (int i = 0; i < 4; ++i) {
+      env[names[i]] = std::string(c.env[i]) == "-" ? std::nullopt : std::optional(c.env[i]);
+    }
+    ScopedEnvironment scoped(env);
+    EXPECT_EQ(LinuxPlatform().preferredLanguages(), c.languages) << &c - cases;
   }
 }
 

@@ -10,19 +10,12 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
-#include "pactivo/consent_sdk.h"
-#include "pactivo/user_default_manager.h"
-#include "sdk/consent_sdk_access.h"
-#include "sdk/consent_sdk_impl.h"
-#include "support/test_support.h"
+#include "support/sdk_fixture.h"
 
 namespace pactivo {
 namespace {
 
-using testing::LogCapture;
-using testing::ScopedPlatform;
 using testing::TempDir;
 
 int freeLoopbackPort() {
@@ -96,7 +89,9 @@ class Nginx {
   bool running_ = false;
 };
 
-TEST(NginxTest, StoresNginxETagAndKeepsCacheOn304) {
+class NginxTest : public testing::SdkTest {};
+
+TEST_F(NginxTest, StoresNginxETagAndKeepsCacheOn304) {
   if (!std::filesystem::exists("/usr/sbin/nginx")) {
     GTEST_SKIP() << "nginx is not installed (scripts/install-deps.sh installs it)";
   }
@@ -107,28 +102,20 @@ TEST(NginxTest, StoresNginxETagAndKeepsCacheOn304) {
                              folder / "config_en.json");
   Nginx nginx(www.path());
   ASSERT_TRUE(nginx.running());
-
-  ScopedPlatform scoped;
-  LogCapture log;
-  ConsentSDK sdk;
-  auto& impl = detail::ConsentSDKAccess::impl(sdk);
-  sdk.setup(ConsentSDKOptions("http://127.0.0.1:9/", nginx.baseUrl(), "t", "a", false,
-                              LogLevel::debug, 60, std::nullopt, "en", std::nullopt,
-                              WebViewConfig({}, std::nullopt)));
-  impl.waitUntilIdle();
-  ASSERT_EQ(sdk.getStatus(), SDKStatus::available) << log.text();
+  setup({.cdnUrl = nginx.baseUrl()});
+  ASSERT_EQ(sdk_->getStatus(), SDKStatus::available) << log_.text();
   auto etag = UserDefaultManager::getETag();
   ASSERT_TRUE(etag);
   // nginx's form: "<mtime hex>-<size hex>" in quotes.
   EXPECT_EQ(etag->front(), '"');
   EXPECT_NE(etag->find('-'), std::string::npos);
 
-  scoped.platform().advance(3601);
-  log.clear();
-  auto document = impl.getCDNFile();
+  platform().advance(3601);
+  log_.clear();
+  auto document = impl_.getCDNFile();
   ASSERT_TRUE(document);
   EXPECT_EQ(document->version, 3);
-  EXPECT_TRUE(log.contains("getCDNFile() - CDN Configuration is up to date")) << log.text();
+  EXPECT_TRUE(log_.contains("getCDNFile() - CDN Configuration is up to date")) << log_.text();
   EXPECT_EQ(UserDefaultManager::getInt64(keys::kCdnCachedTimestamp, 0), 1700000000);
   EXPECT_EQ(UserDefaultManager::getETag(), etag);
 }

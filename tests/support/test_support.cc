@@ -1,12 +1,15 @@
 #include "support/test_support.h"
 
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
 #include <thread>
 
 #include "pactivo/locale_utils.h"
+#include "persistence/preference_store.h"
 
 namespace pactivo::testing {
 
@@ -33,38 +36,10 @@ TempDir::~TempDir() {
 FakePlatform::FakePlatform(std::filesystem::path dataDirectory)
     : dataDirectory_(std::move(dataDirectory)), pathChannel_(std::make_shared<PathChannel>()) {}
 
-std::filesystem::path FakePlatform::applicationSupportDirectory() const { return dataDirectory_; }
-
-std::vector<std::string> FakePlatform::preferredLanguages() const {
-  std::lock_guard lock(mutex_);
-  return languages_;
-}
-
-std::string FakePlatform::deviceName() const {
-  std::lock_guard lock(mutex_);
-  return deviceName_;
-}
-
-std::string FakePlatform::advertisingIdentifier() const {
-  std::lock_guard lock(mutex_);
-  return advertisingIdentifier_;
-}
-
-int FakePlatform::trackingAuthorizationStatus() const {
-  std::lock_guard lock(mutex_);
-  return trackingStatus_;
-}
-
 std::optional<std::string> FakePlatform::infoDictionaryString(const std::string& key) const {
   std::lock_guard lock(mutex_);
   auto it = info_.find(key);
-  if (it == info_.end()) return std::nullopt;
-  return it->second;
-}
-
-std::optional<std::string> FakePlatform::libraryVersion() const {
-  std::lock_guard lock(mutex_);
-  return libraryVersion_;
+  return it == info_.end() ? std::nullopt : std::optional(it->second);
 }
 
 void FakePlatform::runOnMainThread(const std::function<void()>& work) {
@@ -89,55 +64,32 @@ std::optional<int> FakePlatform::probe(const std::string& name) const {
   return it == probes_.end() ? std::nullopt : it->second;
 }
 
-std::optional<int> FakePlatform::locationAuthorizationStatus() const {
-  return probe("locationAuthorizationStatus");
-}
-std::optional<int> FakePlatform::cameraAuthorizationStatus() const {
-  return probe("cameraAuthorizationStatus");
-}
-std::optional<int> FakePlatform::microphoneAuthorizationStatus() const {
-  return probe("microphoneAuthorizationStatus");
-}
-std::optional<int> FakePlatform::photoLibraryAuthorizationStatus() const {
-  return probe("photoLibraryAuthorizationStatus");
-}
-std::optional<int> FakePlatform::photoLibraryAddOnlyAuthorizationStatus() const {
-  return probe("photoLibraryAddOnlyAuthorizationStatus");
-}
-std::optional<int> FakePlatform::siriAuthorizationStatus() const {
-  return probe("siriAuthorizationStatus");
-}
-std::optional<int> FakePlatform::healthDataAvailability() const {
-  return probe("healthDataAvailability");
-}
-std::optional<int> FakePlatform::bluetoothAuthorization() const {
-  return probe("bluetoothAuthorization");
-}
-std::optional<int> FakePlatform::speechRecognitionAuthorizationStatus() const {
-  return probe("speechRecognitionAuthorizationStatus");
-}
-std::optional<int> FakePlatform::homeKitAuthorizationStatus() const {
-  return probe("homeKitAuthorizationStatus");
-}
+#define PACTIVO_FAKE_PROBE(name) \
+  std::optional<int> FakePlatform::name() const { return probe(#name); }
+PACTIVO_FAKE_PROBE(locationAuthorizationStatus)
+PACTIVO_FAKE_PROBE(cameraAuthorizationStatus)
+PACTIVO_FAKE_PROBE(microphoneAuthorizationStatus)
+PACTIVO_FAKE_PROBE(photoLibraryAuthorizationStatus)
+PACTIVO_FAKE_PROBE(photoLibraryAddOnlyAuthorizationStatus)
+PACTIVO_FAKE_PROBE(siriAuthorizationStatus)
+PACTIVO_FAKE_PROBE(healthDataAvailability)
+PACTIVO_FAKE_PROBE(bluetoothAuthorization)
+PACTIVO_FAKE_PROBE(speechRecognitionAuthorizationStatus)
+PACTIVO_FAKE_PROBE(homeKitAuthorizationStatus)
+#undef PACTIVO_FAKE_PROBE
 
 void FakePlatform::requestNotificationAuthorizationStatus(
     std::function<void(int)> completion) const {
-  std::optional<int> status;
-  bool immediate;
-  {
-    std::lock_guard lock(mutex_);
-    status = notificationStatus_;
-    immediate = notificationImmediate_;
-  }
+  std::unique_lock lock(mutex_);
+  const std::optional<int> status = notificationStatus_;
+  const bool immediate = notificationImmediate_;
+  lock.unlock();
   if (!status) return;
-  if (immediate) {
-    completion(*status);
-  } else {
-    std::thread([completion = std::move(completion), value = *status] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      completion(value);
-    }).detach();
-  }
+  if (immediate) return completion(*status);
+  std::thread([completion = std::move(completion), value = *status] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    completion(value);
+  }).detach();
 }
 
 bool FakePlatform::standardPreferenceBool(const std::string& key) const {
@@ -147,11 +99,6 @@ bool FakePlatform::standardPreferenceBool(const std::string& key) const {
     if (it != standardPreferences_.end()) return it->second;
   }
   return Platform::standardPreferenceBool(key);
-}
-
-Platform::ConsentModeHandler FakePlatform::consentModeHandler() const {
-  std::lock_guard lock(mutex_);
-  return consentModeHandler_;
 }
 
 // What the facade's monitor and the test share: the handler of the monitor
@@ -202,6 +149,28 @@ bool FakePlatform::reportPath(NetworkPathStatus status) {
   return true;
 }
 
+void FakePlatform::setProbe(const std::string& name, std::optional<int> value) {
+  std::lock_guard lock(mutex_);
+  probes_[name] = value;
+}
+void FakePlatform::setNotificationStatus(std::optional<int> status, bool immediate) {
+  std::lock_guard lock(mutex_);
+  notificationStatus_ = status;
+  notificationImmediate_ = immediate;
+}
+void FakePlatform::setStandardPreference(std::string key, bool value) {
+  std::lock_guard lock(mutex_);
+  standardPreferences_[std::move(key)] = value;
+}
+void FakePlatform::setInfo(std::string key, std::string value) {
+  std::lock_guard lock(mutex_);
+  info_[std::move(key)] = std::move(value);
+}
+void FakePlatform::setTranslation(std::string key, std::string text) {
+  std::lock_guard lock(mutex_);
+  translations_[std::move(key)] = std::move(text);
+}
+
 ManualClock::TimePoint ManualClock::now() {
   std::lock_guard lock(mutex_);
   return now_;
@@ -227,59 +196,6 @@ int ManualClock::sleepers() {
   return sleepers_;
 }
 
-void FakePlatform::setProbe(const std::string& name, std::optional<int> value) {
-  std::lock_guard lock(mutex_);
-  probes_[name] = value;
-}
-void FakePlatform::setProbeFailure(std::string message) {
-  std::lock_guard lock(mutex_);
-  probeFailure_ = std::move(message);
-}
-void FakePlatform::setNotificationStatus(std::optional<int> status, bool immediate) {
-  std::lock_guard lock(mutex_);
-  notificationStatus_ = status;
-  notificationImmediate_ = immediate;
-}
-void FakePlatform::setStandardPreference(std::string key, bool value) {
-  std::lock_guard lock(mutex_);
-  standardPreferences_[std::move(key)] = value;
-}
-void FakePlatform::setConsentModeHandler(ConsentModeHandler handler) {
-  std::lock_guard lock(mutex_);
-  consentModeHandler_ = std::move(handler);
-}
-
-void FakePlatform::setPreferredLanguages(std::vector<std::string> languages) {
-  std::lock_guard lock(mutex_);
-  languages_ = std::move(languages);
-}
-void FakePlatform::setDeviceName(std::string name) {
-  std::lock_guard lock(mutex_);
-  deviceName_ = std::move(name);
-}
-void FakePlatform::setAdvertisingIdentifier(std::string id) {
-  std::lock_guard lock(mutex_);
-  advertisingIdentifier_ = std::move(id);
-}
-void FakePlatform::setTrackingAuthorizationStatus(int status) {
-  std::lock_guard lock(mutex_);
-  trackingStatus_ = status;
-}
-void FakePlatform::setInfo(std::string key, std::string value) {
-  std::lock_guard lock(mutex_);
-  info_[std::move(key)] = std::move(value);
-}
-void FakePlatform::setLibraryVersion(std::optional<std::string> version) {
-  std::lock_guard lock(mutex_);
-  libraryVersion_ = std::move(version);
-}
-void FakePlatform::setTranslation(std::string key, std::string text) {
-  std::lock_guard lock(mutex_);
-  translations_[std::move(key)] = std::move(text);
-}
-void FakePlatform::setNow(std::int64_t seconds) { now_ = seconds; }
-void FakePlatform::advance(std::int64_t seconds) { now_ += seconds; }
-
 ScopedPlatform::ScopedPlatform()
     : dataDirectory_(dir_.path() / "data"),
       platform_(std::make_shared<FakePlatform>(dataDirectory_)) {
@@ -303,9 +219,8 @@ LogCapture::LogCapture() {
 LogCapture::~LogCapture() { SDKLogger::shared().setSink(nullptr); }
 
 std::string LogCapture::text() const {
-  std::lock_guard lock(mutex_);
   std::string all;
-  for (const auto& message : messages_) all += message;
+  for (const auto& message : messages()) all += message;
   return all;
 }
 
@@ -316,6 +231,12 @@ std::vector<std::string> LogCapture::messages() const {
 
 bool LogCapture::contains(const std::string& fragment) const {
   return text().find(fragment) != std::string::npos;
+}
+
+std::size_t LogCapture::count(const std::string& fragment) const {
+  std::size_t n = 0;
+  for (const auto& message : messages()) n += message.find(fragment) != std::string::npos;
+  return n;
 }
 
 void LogCapture::clear() {
@@ -338,6 +259,31 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return condition();
+}
+
+int runInChild(const std::function<int()>& body, std::string* log) {
+  detail::resetCurrentStore();
+  int logPipe[2];
+  if (pipe(logPipe) != 0) return -1;
+  pid_t child = fork();
+  if (child < 0) return -1;
+  if (child == 0) {
+    close(logPipe[0]);
+    SDKLogger::shared().setSink([fd = logPipe[1]](std::string_view text) {
+      if (write(fd, text.data(), text.size()) < 0) _exit(3);
+    });
+    _exit(body());
+  }
+  close(logPipe[1]);
+  char buffer[4096];
+  ssize_t n;
+  while ((n = read(logPipe[0], buffer, sizeof buffer)) > 0) {
+    if (log != nullptr) log->append(buffer, static_cast<std::size_t>(n));
+  }
+  close(logPipe[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  return status;
 }
 
 }  // namespace pactivo::testing

@@ -1,5 +1,6 @@
 // Shared pieces of the tests: a temporary directory, a fake platform at the
-// system edge, and a capture of the log.
+// system edge, a manual clock, and a capture of the log. Free of GoogleTest,
+// so the benchmarks use them too.
 #ifndef PACTIVO_TESTS_SUPPORT_TEST_SUPPORT_H_
 #define PACTIVO_TESTS_SUPPORT_TEST_SUPPORT_H_
 
@@ -40,13 +41,13 @@ class FakePlatform : public Platform {
  public:
   explicit FakePlatform(std::filesystem::path dataDirectory);
 
-  std::filesystem::path applicationSupportDirectory() const override;
-  std::vector<std::string> preferredLanguages() const override;
-  std::string deviceName() const override;
-  std::string advertisingIdentifier() const override;
-  int trackingAuthorizationStatus() const override;
+  std::filesystem::path applicationSupportDirectory() const override { return dataDirectory_; }
+  std::vector<std::string> preferredLanguages() const override { return get(languages_); }
+  std::string deviceName() const override { return get(deviceName_); }
+  std::string advertisingIdentifier() const override { return get(advertisingIdentifier_); }
+  int trackingAuthorizationStatus() const override { return get(trackingStatus_); }
   std::optional<std::string> infoDictionaryString(const std::string& key) const override;
-  std::optional<std::string> libraryVersion() const override;
+  std::optional<std::string> libraryVersion() const override { return get(libraryVersion_); }
   void runOnMainThread(const std::function<void()>& work) override;
   std::string localizedString(const std::string& key, const std::string& comment) const override;
   std::chrono::system_clock::time_point now() const override;
@@ -63,14 +64,13 @@ class FakePlatform : public Platform {
   std::optional<int> homeKitAuthorizationStatus() const override;
   void requestNotificationAuthorizationStatus(std::function<void(int)> completion) const override;
   bool standardPreferenceBool(const std::string& key) const override;
-  ConsentModeHandler consentModeHandler() const override;
+  ConsentModeHandler consentModeHandler() const override { return get(consentModeHandler_); }
   // A monitor that reports what the test passes to reportPath().
   std::unique_ptr<NetworkPathMonitor> makeNetworkPathMonitor() const override;
 
   // Delivers `status` to the handler of the live monitor, if any; returns
   // whether one was listening.
   bool reportPath(NetworkPathStatus status);
-  // How many monitors were made.
   int monitorsMade() const { return monitorsMade_.load(); }
 
   struct PathChannel;
@@ -79,26 +79,37 @@ class FakePlatform : public Platform {
   // nullopt (the default) reports the facility as absent.
   void setProbe(const std::string& name, std::optional<int> value);
   // Makes every probe throw std::runtime_error(message); empty stops it.
-  void setProbeFailure(std::string message);
+  void setProbeFailure(std::string message) { set(probeFailure_, std::move(message)); }
   // The notification probe's answer, given to the completion before the
   // request returns when `immediate`, else on another thread later.
   void setNotificationStatus(std::optional<int> status, bool immediate);
   void setStandardPreference(std::string key, bool value);
-  void setConsentModeHandler(ConsentModeHandler handler);
-
-  void setPreferredLanguages(std::vector<std::string> languages);
-  void setDeviceName(std::string name);
-  void setAdvertisingIdentifier(std::string id);
-  void setTrackingAuthorizationStatus(int status);
+  void setConsentModeHandler(ConsentModeHandler h) { set(consentModeHandler_, std::move(h)); }
+  void setPreferredLanguages(std::vector<std::string> v) { set(languages_, std::move(v)); }
+  void setDeviceName(std::string name) { set(deviceName_, std::move(name)); }
+  void setAdvertisingIdentifier(std::string id) { set(advertisingIdentifier_, std::move(id)); }
+  void setTrackingAuthorizationStatus(int status) { set(trackingStatus_, status); }
   void setInfo(std::string key, std::string value);
-  void setLibraryVersion(std::optional<std::string> version);
+  void setLibraryVersion(std::optional<std::string> v) { set(libraryVersion_, std::move(v)); }
   void setTranslation(std::string key, std::string text);
   // Seconds since 1970.
-  void setNow(std::int64_t seconds);
-  void advance(std::int64_t seconds);
+  void setNow(std::int64_t seconds) { now_ = seconds; }
+  void advance(std::int64_t seconds) { now_ += seconds; }
   int mainThreadCalls() const { return mainThreadCalls_.load(); }
 
  private:
+  template <typename T>
+  T get(const T& field) const {
+    std::lock_guard lock(mutex_);
+    return field;
+  }
+  template <typename T, typename V>
+  void set(T& field, V&& value) {
+    std::lock_guard lock(mutex_);
+    field = std::forward<V>(value);
+  }
+  std::optional<int> probe(const std::string& name) const;
+
   const std::filesystem::path dataDirectory_;
   mutable std::mutex mutex_;
   std::vector<std::string> languages_{"en-US"};
@@ -118,8 +129,6 @@ class FakePlatform : public Platform {
   ConsentModeHandler consentModeHandler_;
   mutable std::atomic<int> monitorsMade_{0};
   std::shared_ptr<PathChannel> pathChannel_;
-
-  std::optional<int> probe(const std::string& name) const;
 };
 
 // A clock that moves only when the test says so.
@@ -163,8 +172,9 @@ class LogCapture {
   std::string text() const;
   // The printed messages, each possibly several lines.
   std::vector<std::string> messages() const;
-  // Whether some message contains `fragment`.
   bool contains(const std::string& fragment) const;
+  // How many messages contain `fragment`.
+  std::size_t count(const std::string& fragment) const;
   void clear();
 
  private:
@@ -178,6 +188,11 @@ std::string exampleDocument();
 // Polls `condition` until it holds or `timeout` passes.
 bool eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// Runs `body` in a forked child whose log goes to `log`; the child's exit
+// status as waitpid() reports it. The preference store is closed first: no
+// SQLite connection may cross a fork.
+int runInChild(const std::function<int()>& body, std::string* log = nullptr);
 
 }  // namespace pactivo::testing
 
