@@ -77,7 +77,10 @@ TEST_F(CdnCacheTest, FreshnessRule) {
                {"3601 s old", 1800000000 - 3601, true},
                {"two days old", 1800000000 - 2 * 86400, true},
                {"no timestamp", std::nullopt, false},
-               {"timestamp 0", 0, true}};
+               {"timestamp 0", 0, true},
+               // Stamped while the clock ran ahead: stale once it is corrected.
+               {"a second in the future", 1800000000 + 1, true},
+               {"a year in the future", 1800000000 + 365 * 86400, true}};
   platform().setNow(1800000000);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -188,6 +191,38 @@ TEST_F(CdnCacheTest, CorruptOrRewrittenCacheFile) {
   cdn_.clearRequests();
   ASSERT_TRUE(impl_.getCDNFile());
   EXPECT_EQ(cdn_.requestCount(), 1u);
+
+  // Cut short (a damaged card): logged once, and fetched without the ETag,
+  // which would get a 304 for a document that is no longer here.
+  std::filesystem::resize_file(cacheFile(), 100);
+  ASSERT_TRUE(UserDefaultManager::getETag());
+  cdn_.clearRequests();
+  log_.clear();
+  ASSERT_TRUE(impl_.getCDNFile());
+  ASSERT_EQ(cdn_.requestCount(), 1u);
+  EXPECT_FALSE(cdn_.requests()[0].hasHeader("If-None-Match"));
+  EXPECT_EQ(log_.count("[ERROR] [consent_sdk_cdn_utils.cc"), 1u) << log_.text();
+}
+
+TEST_F(CdnCacheTest, ASaveKilledAtAnyInstantLeavesAWholeDocument) {
+  setup();
+  MainConfiguration large = exampleConfiguration();
+  large.description = std::string(2 << 20, 'x');
+  for (int round = 0; round < 12; ++round) {
+    const int status = testing::runInChild([&] {
+      std::thread([round] {
+        std::this_thread::sleep_for(std::chrono::microseconds(1000 + 900 * round));
+        std::raise(SIGKILL);
+      }).detach();
+      for (int i = 0;; ++i) {
+        impl_.saveCDNToFile(i % 2 ? large : exampleConfiguration(), "tessarin-sdk-cdn.json");
+      }
+      return 0;
+    });
+    ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    ASSERT_TRUE(impl_.readCDNFile(false)) << "round " << round << "\n" << log_.text();
+  }
+  EXPECT_FALSE(std::filesystem::exists(backupFile()));
 }
 
 TEST_F(CdnCacheTest, BackupThatCannotBeMadeKeepsOldDocument) {

@@ -283,6 +283,11 @@ TEST_F(BannerTest, LookedUpLocationIsKeptForAnHour) {
   EXPECT_EQ(app_.requestCount(), 0u);
   platform().advance(2);
   EXPECT_EQ(banner(std::nullopt), "CCPA");
+
+  // Stamped while the clock ran ahead: looked up again once it is corrected.
+  app_.respond(200, located("DE", "DE-BY"));
+  platform().advance(-86400);
+  EXPECT_EQ(banner(std::nullopt), "GDPR");
 }
 
 TEST_F(BannerTest, FailedLookupsFallBackToDefault) {
@@ -294,6 +299,14 @@ TEST_F(BannerTest, FailedLookupsFallBackToDefault) {
   EXPECT_EQ(banner(std::nullopt), "Notice");
   EXPECT_TRUE(
       log_.contains("getCurrentLocation() - Failed to current location: Failed with Status (503)"));
+
+  // A stale location is a better guess than none.
+  app_.respond(200, located("US-CA", "US-CA"));
+  EXPECT_EQ(banner(std::nullopt), "CCPA");
+  platform().advance(7200);
+  app_.respond(503, "{}");
+  EXPECT_EQ(banner(std::nullopt), "CCPA");
+  EXPECT_EQ(UserDefaultManager::getComplianceType(), ComplianceType::optOut);
 }
 
 TEST_F(BannerTest, SelectionRules) {
@@ -413,6 +426,27 @@ TEST_F(CheckCycleTest, ReadinessCallbacks) {
 
 // The real path monitor reports on its own thread while teardown runs; a
 // report racing the teardown must not deadlock it.
+TEST(RepeatingTimerTest, TicksEveryIntervalWithoutCatchingUp) {
+  testing::ManualClock clock;
+  std::atomic<int> ticks{0};
+  detail::RepeatingTimer timer(clock, 120s, [&] { ++ticks; });
+  struct Step {
+    std::chrono::seconds advance;
+    int ticks;
+  } steps[] = {
+      {119s, 0}, {1s, 1},  // the first deadline, taken when armed
+      {119s, 1}, {1s, 2},  // then exactly one interval later
+      {504s, 3},           // frozen for 4.2 intervals: one tick, no catching up
+      {119s, 3}, {1s, 4},  // and a whole interval after that wake-up
+  };
+  for (const auto& step : steps) {
+    ASSERT_TRUE(eventually([&] { return clock.sleepers() == 1; }));
+    clock.advance(step.advance);
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(ticks.load(), step.ticks) << "after +" << step.advance.count() << " s";
+  }
+}
+
 TEST(TeardownTest, RacesTheLinuxPathMonitor) {
   testing::TempDir dir;
   testing::LogCapture quiet;

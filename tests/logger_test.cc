@@ -43,9 +43,22 @@ TEST_F(LoggerTest, LevelFiltering) {
 TEST_F(LoggerTest, NonDebugFormatHasNoSpaceBeforeMessage) {
   SDKLogger::shared().setLogLevel(LogLevel::warning);
   UserDefaultManager::setInt(keys::kSdkVersion, 7);
+  const auto before = std::chrono::system_clock::now();
   SDKLogger::shared().log("abc", LogLevel::warning, "fetch()");
+  const auto after = std::chrono::system_clock::now();
   auto messages = log_.messages();
   ASSERT_EQ(messages.size(), 1u);
+  // The stamp is the local time of the call, to the millisecond.
+  std::tm local{};
+  int millis = -1;
+  const std::string stamp = messages[0].substr(messages[0].find('\n') + 1, 23);
+  ASSERT_TRUE(strptime(stamp.c_str(), "%Y-%m-%d %H:%M:%S", &local)) << stamp;
+  millis = std::stoi(stamp.substr(20));
+  local.tm_isdst = -1;
+  const auto logged = std::chrono::system_clock::from_time_t(std::mktime(&local)) +
+                      std::chrono::milliseconds(millis);
+  EXPECT_GE(logged, std::chrono::floor<std::chrono::milliseconds>(before)) << stamp;
+  EXPECT_LE(logged, after) << stamp;
   EXPECT_TRUE(std::regex_match(messages[0], std::regex(std::string("Configuration Version: 7\n") +
                                                        kTime + R"( \[WARNING\]abc\n)")))
       << messages[0];
