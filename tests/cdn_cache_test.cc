@@ -400,16 +400,5 @@ TEST_F(CdnCacheTest, SubjectIdentity) {
   EXPECT_NE(regenerated, created);
 }
 
-TEST_F(CdnCacheTest, TestingModeTeardownRemovesAllConsents) {
-  for (bool testing : {true, false}) {
-    sdk_ = std::make_unique<ConsentSDK>();
-    sdk_->setup(options({.testing = testing, .cdnUrl = kRefused}));
-    UserDefaultManager::setPurposeConsent("1", ConsentStatus::granted);
-    sdk_.reset();
-    EXPECT_EQ(UserDefaultManager::getStoredConsent("1"),
-              testing ? std::nullopt : std::optional(ConsentStatus::granted));
-  }
-}
-
 }  // namespace
 }  // namespace pactivo
