@@ -1,6 +1,7 @@
 // The configuration document's life on disk and on the wire: fetch, cache,
 // freshness, ETag revalidation, fallbacks, failed writes, re-consent, and how
 // setup reconciles mode, language and subject with what is stored.
+#include <curl/curl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -65,6 +66,18 @@ TEST_F(CdnCacheTest, FirstLaunchFetchesSavesAndApplies) {
   std::ifstream in(cacheFile());
   std::string onDisk((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   EXPECT_EQ(onDisk, encode(exampleConfiguration()));
+
+  // A fresh cache is available without passing through `fetching`.
+  sdk_ = std::make_unique<ConsentSDK>();
+  seen.clear();
+  sdk_->isReady([&](SDKStatus s) {
+    std::lock_guard lock(mutex);
+    seen.push_back(s);
+  });
+  sdk_->setup(options({.language = "de"}));
+  ASSERT_TRUE(testing::eventually([&] { return sdk_->getStatus() == SDKStatus::available; }));
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(seen, (std::vector{SDKStatus::unavailable, SDKStatus::available}));
 }
 
 TEST_F(CdnCacheTest, FreshnessRule) {
@@ -398,6 +411,34 @@ TEST_F(CdnCacheTest, SubjectIdentity) {
   std::string regenerated = UserDefaultManager::getString(keys::kSubjectId, "");
   EXPECT_EQ(regenerated.size(), 36u);
   EXPECT_NE(regenerated, created);
+}
+
+TEST_F(CdnCacheTest, LeftoverBackupIsReplacedAndNoDirectoryMeansNoCache) {
+  setup();
+  std::ofstream(backupFile()) << "left by an earlier run";
+  publishVersion4();
+  ASSERT_EQ(impl_.getCDNFile()->version, 4);
+  EXPECT_FALSE(std::filesystem::exists(backupFile()));
+
+  installPlatform(std::make_shared<testing::FakePlatform>(""));
+  ConsentSDK::Impl& impl = detail::ConsentSDKAccess::impl(*sdk_);
+  impl.saveCDNToFile(exampleConfiguration(), "tessarin-sdk-cdn.json");
+  impl.discardCachedConfiguration();
+  EXPECT_FALSE(impl.readCDNFile(false));
+  EXPECT_FALSE(impl.getCDNFile());
+}
+
+TEST(FileUrlTest, ReadsBackAsThePath) {
+  const std::string path = "/data/a b%#c/tessarin-sdk-cdn.json";
+  const std::string url = ConsentSDK::Impl::fileUrl(path);
+  EXPECT_EQ(url, "file:///data/a%20b%25%23c/tessarin-sdk-cdn.json");
+  CURLU* parsed = curl_url();
+  char* decoded = nullptr;
+  ASSERT_EQ(curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0), CURLUE_OK);
+  ASSERT_EQ(curl_url_get(parsed, CURLUPART_PATH, &decoded, CURLU_URLDECODE), CURLUE_OK);
+  EXPECT_EQ(decoded, path);
+  curl_free(decoded);
+  curl_url_cleanup(parsed);
 }
 
 }  // namespace

@@ -201,6 +201,22 @@ TEST_F(CheckCycleTest, TeardownWithWorkInFlightIsPrompt) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
 }
 
+TEST_F(CheckCycleTest, TheTimerWaitsForAFirstAnswer) {
+  MainConfiguration silent = testing::exampleConfiguration();
+  for (auto& [name, category] : silent.bannerConfig->categories) {
+    category.recordConsentUponAppStart = false;
+  }
+  cdn_.respond(200, encode(silent));
+  setup();
+  EXPECT_EQ(UserDefaultManager::getString(keys::kConsentGivenType, kConsentNoAction),
+            kConsentNoAction);
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(clock_->sleepers(), 0);
+  UserDefaultManager::setString(keys::kConsentGivenType, kConsentExplicit);
+  setup();
+  EXPECT_TRUE(eventually([&] { return clock_->sleepers() == 1; }));
+}
+
 TEST_F(CheckCycleTest, RepeatedSetupKeepsOneTimerAndOneMonitor) {
   setupThroughPrefill();
   for (int i = 0; i < 3; ++i) setup();
@@ -273,6 +289,7 @@ TEST_F(BannerTest, LookedUpLocationIsKeptForAnHour) {
   EXPECT_EQ(banner(std::nullopt), "GDPR");
   ASSERT_GE(app_.requestCount(), 1u);
   EXPECT_EQ(app_.requests().front().path, "/core/v1/utils/geo/location");
+  EXPECT_EQ(app_.requests().front().header("If-None-Match"), "\"v1\"");  // the stored ETag
   EXPECT_EQ(UserDefaultManager::getStoredCountryCode(), "DE");
   EXPECT_EQ(UserDefaultManager::getStoredLocation(), "DE-BY");
 
@@ -322,9 +339,13 @@ TEST_F(BannerTest, SelectionRules) {
   EXPECT_EQ(UserDefaultManager::getComplianceType(), ComplianceType::noticeOnly);
   document.bannerConfig->locations.erase("default");
   document.bannerConfig->locations["DE"] = "missing-category";
+  UserDefaultManager::setString(keys::kBannerInterval, "kept");
   EXPECT_FALSE(sdk_->getBannerConfig(document));
   document.bannerConfig.reset();
   EXPECT_FALSE(sdk_->getBannerConfig(document));
+  // A miss writes nothing.
+  EXPECT_EQ(UserDefaultManager::getString(keys::kBannerInterval, ""), "kept");
+  EXPECT_EQ(UserDefaultManager::getComplianceType(), ComplianceType::noticeOnly);
 }
 
 TEST_F(CheckCycleTest, DocumentQueries) {
@@ -424,8 +445,6 @@ TEST_F(CheckCycleTest, ReadinessCallbacks) {
   EXPECT_EQ(changes.size(), 2u);
 }
 
-// The real path monitor reports on its own thread while teardown runs; a
-// report racing the teardown must not deadlock it.
 TEST(RepeatingTimerTest, TicksEveryIntervalWithoutCatchingUp) {
   testing::ManualClock clock;
   std::atomic<int> ticks{0};
@@ -447,6 +466,8 @@ TEST(RepeatingTimerTest, TicksEveryIntervalWithoutCatchingUp) {
   }
 }
 
+// The real path monitor reports on its own thread while teardown runs; a
+// report racing the teardown must not deadlock it.
 TEST(TeardownTest, RacesTheLinuxPathMonitor) {
   testing::TempDir dir;
   testing::LogCapture quiet;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -23,7 +24,26 @@ constexpr const char* kCdnBackupFileName = "tessarin-sdk-cdn-backup.json";
 constexpr std::int64_t kFreshnessLimitSeconds = 3601;
 constexpr std::int64_t kDefaultDocumentVersion = 1;
 
-std::string fileUrl(const std::filesystem::path& path) { return "file://" + path.string(); }
+}  // namespace
+
+std::string ConsentSDK::Impl::fileUrl(const std::filesystem::path& path) {
+  // Percent-encoded, so that a directory with a space, "%" or "#" still
+  // reads back as the same path.
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string url = "file://";
+  for (unsigned char c : path.string()) {
+    if (std::isalnum(c) || std::strchr("/-._~", c) != nullptr) {
+      url += static_cast<char>(c);
+    } else {
+      url += '%';
+      url += kHex[c >> 4];
+      url += kHex[c & 15];
+    }
+  }
+  return url;
+}
+
+namespace {
 
 void log(const std::string& message, LogLevel level, std::string_view function,
          SourceLocation location = SourceLocation::current()) {

@@ -56,6 +56,8 @@ class ConsentSDK::Impl {
   // forgets the ETag, so that the next fetch is unconditional.
   void discardDamagedCache();
   static void removeCDNFile(const std::filesystem::path& file);
+  // The "file://" URL of `path` (RFC 8089), as "CDN_FILE_LOCATION" stores it.
+  static std::string fileUrl(const std::filesystem::path& path);
 
   // ---- Network calls (consent_sdk_network_apis.cc) ----
 
