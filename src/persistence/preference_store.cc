@@ -334,6 +334,14 @@ int PreferenceStore::loadAll() {
 }
 
 int PreferenceStore::writeRow(std::string_view key, const PreferenceValue* value) {
+  // The copy is current, so a write that would change nothing is skipped:
+  // every commit is synced to the disk, and most writes (the applied
+  // document's flags, the banner's interval) repeat what is stored.
+  auto current = rows_.find(key);
+  if (value != nullptr ? current != rows_.end() && current->second == *value
+                       : current == rows_.end()) {
+    return SQLITE_OK;
+  }
   sqlite3_stmt* stmt = value != nullptr ? upsert_ : delete_;
   sqlite3_bind_text(stmt, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
   if (value != nullptr) bindValue(stmt, *value);
