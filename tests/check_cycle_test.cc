@@ -392,7 +392,7 @@ TEST_F(CheckCycleTest, DocumentQueries) {
   EXPECT_TRUE(UserDefaultManager::allEntries().empty());
 }
 
-TEST_F(CheckCycleTest, SetForwardsToGoogleConsentModeOnlyWhenAccepted) {
+TEST_F(CheckCycleTest, GoogleConsentModeHearsAcceptedChoicesAndEveryCheck) {
   std::atomic<int> handed{0};
   platform().setConsentModeHandler([&](const std::map<std::string, std::string>&) { ++handed; });
   setupThroughPrefill();
@@ -405,6 +405,9 @@ TEST_F(CheckCycleTest, SetForwardsToGoogleConsentModeOnlyWhenAccepted) {
   EXPECT_TRUE(sdk_->set(essential, S::granted));
   impl_.waitUntilIdle();
   EXPECT_EQ(handed, 1);
+  // A check hands its result over too: consent can change without a choice.
+  sdk_->checkConsents();
+  EXPECT_EQ(handed, 2);
 }
 
 TEST_F(CheckCycleTest, ReadinessCallbacks) {
