@@ -202,6 +202,7 @@ TEST(JsonCodec, EqualityAndHashes) {
   std::hash<MainConfiguration> hash;
   EXPECT_EQ(hash(copy), hash(*example.value));
   (*copy.purposes)[0].isATTMapped = true;
+  EXPECT_NE(copy, *example.value);
   EXPECT_NE(hash(copy), hash(*example.value));
   AppPermission p, q;
   q.isSettingsPromptEnabled = false;
