@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "integrations/google_consent_mode_helper.h"
+#include "pactivo/json.h"
 #include "pactivo/user_default_manager.h"
 #include "support/test_support.h"
 
@@ -29,13 +30,11 @@ TEST(FirebaseRuntimeLookup, SignalsReachSetConsentFoundInTheProcess) {
   auto status = reinterpret_cast<int (*)(int)>(dlsym(library, "fakeFirebaseStatus"));
   ASSERT_TRUE(calls && status);
 
-  MainConfiguration document;
-  document.isGcmEnabled = true;
-  document.purposes = std::vector<Purpose>{};
-  document.gcmConfig = GcmConfig{};
-  document.gcmConfig->defaultMapping =
-      DefaultMapping{std::vector<std::int64_t>{1}, std::vector<std::int64_t>{2}, std::nullopt,
-                     std::vector<std::int64_t>{1}};
+  const MainConfiguration document =
+      *decode<MainConfiguration>(
+           R"({"is_gcm_enabled": true, "purposes": [], "gcm_config": {"default_mapping": )"
+           R"({"analytics_storage": [1], "ad_storage": [2], "ad_personalization": [1]}}})")
+           .value;
   UserDefaultManager::setComplianceType(ComplianceType::optIn);
   UserDefaultManager::setPurposeConsent("1", ConsentStatus::granted);
   GoogleConsentModeHelper::updateFirebaseConsent(&document, "US");
@@ -43,10 +42,7 @@ TEST(FirebaseRuntimeLookup, SignalsReachSetConsentFoundInTheProcess) {
   EXPECT_EQ(calls(), 1);
   // Firebase's numbering: ad storage 0, analytics 1, user data 2,
   // personalization 3; granted 0, denied 1.
-  EXPECT_EQ(status(0), 1);
-  EXPECT_EQ(status(1), 0);
-  EXPECT_EQ(status(2), 1);
-  EXPECT_EQ(status(3), 0);
+  EXPECT_EQ((std::vector{status(0), status(1), status(2), status(3)}), (std::vector{1, 0, 1, 0}));
   EXPECT_TRUE(log.contains("Firebase consent updated successfully"));
   EXPECT_FALSE(log.contains("not found"));
 

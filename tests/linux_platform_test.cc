@@ -12,74 +12,65 @@
 namespace pactivo {
 namespace {
 
-// Sets environment variables for one test and restores them afterwards.
+// Sets environment variables (nullptr unsets) for one scope, then restores them.
 class ScopedEnvironment {
  public:
-  explicit ScopedEnvironment(std::map<std::string, std::optional<std::string>> values) {
+  explicit ScopedEnvironment(const std::map<std::string, const char*>& values) {
     for (const auto& [name, value] : values) {
       const char* old = getenv(name.c_str());
       saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
-      apply(name, value);
+      value ? setenv(name.c_str(), value, 1) : unsetenv(name.c_str());
     }
   }
   ~ScopedEnvironment() {
-    for (const auto& [name, value] : saved_) apply(name, value);
+    for (const auto& [name, value] : saved_) {
+      value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+    }
   }
 
  private:
-  static void apply(const std::string& name, const std::optional<std::string>& value) {
-    if (value) {
-      setenv(name.c_str(), value->c_str(), 1);
-    } else {
-      unsetenv(name.c_str());
-    }
-  }
   std::map<std::string, std::optional<std::string>> saved_;
 };
 
 TEST(LinuxPlatformTest, PreferredLanguagesFromTheLocale) {
-  // LANGUAGE, LC_ALL, LC_MESSAGES, LANG; "-" is unset.
   struct Case {
-    std::vector<const char*> env;
+    const char *language, *all, *messages, *lang;
     std::vector<std::string> languages;
   } cases[] = {
-      {{"-", "-", "-", "de_DE.UTF-8"}, {"de-DE"}},
-      {{"fr_CA:en", "de_DE.UTF-8", "-", "C"}, {"fr-CA", "en"}},
-      {{"", "C", "-", "de_DE"}, {"en"}},
-      {{"-", "-", "POSIX", "-"}, {"en"}},
-      {{"-", "-", "sr_RS@latin", "-"}, {"sr-RS"}},
-      {{"-", "-", "-", "-"}, {"en"}},
+      {nullptr, nullptr, nullptr, "de_DE.UTF-8", {"de-DE"}},
+      {"fr_CA:en", "de_DE.UTF-8", nullptr, "C", {"fr-CA", "en"}},
+      {"", "C", nullptr, "de_DE", {"en"}},
+      {nullptr, nullptr, "POSIX", nullptr, {"en"}},
+      {nullptr, nullptr, "sr_RS@latin", nullptr, {"sr-RS"}},
+      {nullptr, nullptr, nullptr, nullptr, {"en"}},
   };
-  const char* names[] = {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"};
   for (const auto& c : cases) {
-    std::map<std::string, std::optional<std::string>> env;
-    for (int i = 0; i < 4; ++i) {
-      env[names[i]] = std::string(c.env[i]) == "-" ? std::nullopt : std::optional(c.env[i]);
-    }
-    ScopedEnvironment scoped(env);
+    ScopedEnvironment env({{"LANGUAGE", c.language},
+                           {"LC_ALL", c.all},
+                           {"LC_MESSAGES", c.messages},
+                           {"LANG", c.lang}});
     EXPECT_EQ(LinuxPlatform().preferredLanguages(), c.languages) << &c - cases;
   }
 }
 
 TEST(LinuxPlatformTest, DataDirectory) {
-  {
-    ScopedEnvironment env({{"XDG_DATA_HOME", "/xdg"}, {"HOME", "/home/u"}});
-    EXPECT_EQ(LinuxPlatform({"tv-app", {}, {}, {}}).applicationSupportDirectory(), "/xdg/tv-app");
-    EXPECT_EQ(LinuxPlatform({"tv-app", "/explicit", {}, {}}).applicationSupportDirectory(),
-              "/explicit");
-    // Without a name, the program's own.
-    EXPECT_EQ(LinuxPlatform().applicationSupportDirectory().parent_path(), "/xdg");
-  }
-  {
-    ScopedEnvironment env({{"XDG_DATA_HOME", "relative"}, {"HOME", "/home/u"}});
-    EXPECT_EQ(LinuxPlatform({"a", {}, {}, {}}).applicationSupportDirectory(),
-              "/home/u/.local/share/a");
-  }
-  {
-    ScopedEnvironment env({{"XDG_DATA_HOME", std::nullopt}, {"HOME", std::nullopt}});
-    // Services started with an empty environment: the password database.
-    EXPECT_EQ(LinuxPlatform({"a", {}, {}, {}}).applicationSupportDirectory(),
-              std::filesystem::path(getpwuid(getuid())->pw_dir) / ".local/share/a");
+  // Services started with an empty environment: the password database's home.
+  const std::string passwd = std::string(getpwuid(getuid())->pw_dir) + "/.local/share/a";
+  struct Case {
+    const char *xdg, *home;
+    LinuxPlatform::Settings settings;
+    std::string directory;
+  } cases[] = {
+      {"/xdg", "/home/u", {"tv-app", {}, {}, {}}, "/xdg/tv-app"},
+      {"/xdg", "/home/u", {"tv-app", "/explicit", {}, {}}, "/explicit"},
+      {"/xdg", "/home/u", {}, "/xdg/pactivo_tests"},  // without a name, the program's own
+      {"relative", "/home/u", {"a", {}, {}, {}}, "/home/u/.local/share/a"},
+      {nullptr, "", {"a", {}, {}, {}}, passwd},
+      {nullptr, nullptr, {"a", {}, {}, {}}, passwd},
+  };
+  for (const auto& c : cases) {
+    ScopedEnvironment env({{"XDG_DATA_HOME", c.xdg}, {"HOME", c.home}});
+    EXPECT_EQ(LinuxPlatform(c.settings).applicationSupportDirectory(), c.directory) << &c - cases;
   }
 }
 

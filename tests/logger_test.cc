@@ -9,95 +9,82 @@
 namespace pactivo {
 namespace {
 
-using testing::LogCapture;
-using testing::ScopedPlatform;
-
-class LoggerTest : public ::testing::Test {
- protected:
-  ScopedPlatform scoped_;
-  LogCapture log_;
-};
-
-constexpr const char* kTime = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3})";
-
-TEST_F(LoggerTest, LevelFiltering) {
-  struct Case {
-    LogLevel threshold;
-    LogLevel message;
-    bool printed;
-  } cases[] = {
-      {LogLevel::debug, LogLevel::debug, true},     {LogLevel::info, LogLevel::debug, false},
-      {LogLevel::info, LogLevel::info, true},       {LogLevel::warning, LogLevel::info, false},
-      {LogLevel::warning, LogLevel::warning, true}, {LogLevel::warning, LogLevel::error, true},
-      {LogLevel::error, LogLevel::warning, false},  {LogLevel::error, LogLevel::error, true},
-  };
-  for (const auto& c : cases) {
-    log_.clear();
-    SDKLogger::shared().setLogLevel(c.threshold);
-    SDKLogger::shared().log("abc", c.message, "f()");
-    EXPECT_EQ(!log_.messages().empty(), c.printed)
-        << rawValue(c.threshold) << " " << rawValue(c.message);
+TEST(LoggerTest, LevelFiltering) {
+  testing::ScopedPlatform scoped;
+  testing::LogCapture log;
+  // In increasing order: a message is printed from its threshold up.
+  const LogLevel levels[] = {LogLevel::debug, LogLevel::info, LogLevel::warning, LogLevel::error};
+  for (int threshold = 0; threshold < 4; ++threshold) {
+    for (int level = 0; level < 4; ++level) {
+      log.clear();
+      SDKLogger::shared().setLogLevel(levels[threshold]);
+      SDKLogger::shared().log("abc", levels[level], "f()");
+      EXPECT_EQ(log.messages().empty(), level < threshold) << threshold << " " << level;
+    }
   }
 }
 
-TEST_F(LoggerTest, NonDebugFormatHasNoSpaceBeforeMessage) {
-  SDKLogger::shared().setLogLevel(LogLevel::warning);
-  UserDefaultManager::setInt(keys::kSdkVersion, 7);
-  const auto before = std::chrono::system_clock::now();
-  SDKLogger::shared().log("abc", LogLevel::warning, "fetch()");
-  const auto after = std::chrono::system_clock::now();
-  auto messages = log_.messages();
-  ASSERT_EQ(messages.size(), 1u);
-  // The stamp is the local time of the call, to the millisecond.
-  std::tm local{};
-  int millis = -1;
-  const std::string stamp = messages[0].substr(messages[0].find('\n') + 1, 23);
-  ASSERT_TRUE(strptime(stamp.c_str(), "%Y-%m-%d %H:%M:%S", &local)) << stamp;
-  millis = std::stoi(stamp.substr(20));
-  local.tm_isdst = -1;
-  const auto logged = std::chrono::system_clock::from_time_t(std::mktime(&local)) +
-                      std::chrono::milliseconds(millis);
-  EXPECT_GE(logged, std::chrono::floor<std::chrono::milliseconds>(before)) << stamp;
-  EXPECT_LE(logged, after) << stamp;
-  EXPECT_TRUE(std::regex_match(messages[0], std::regex(std::string("Configuration Version: 7\n") +
-                                                       kTime + R"( \[WARNING\]abc\n)")))
-      << messages[0];
+// The printed messages joined by '|', with the stamp replaced by TIME once it
+// is checked to be the local time of the call, to the millisecond, and the
+// source line number replaced by LINE.
+std::string normalised(const std::vector<std::string>& messages,
+                       std::chrono::system_clock::time_point before,
+                       std::chrono::system_clock::time_point after) {
+  std::string text;
+  for (const auto& message : messages) text += (text.empty() ? "" : "|") + message;
+  std::smatch match;
+  if (std::regex_search(text, match,
+                        std::regex(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.(\d{3}))"))) {
+    std::tm local{};
+    EXPECT_TRUE(strptime(match.str(0).c_str(), "%Y-%m-%d %H:%M:%S", &local)) << match.str(0);
+    local.tm_isdst = -1;
+    const auto logged = std::chrono::system_clock::from_time_t(std::mktime(&local)) +
+                        std::chrono::milliseconds(std::stoi(match.str(1)));
+    EXPECT_GE(logged, std::chrono::floor<std::chrono::milliseconds>(before)) << match.str(0);
+    EXPECT_LE(logged, after) << match.str(0);
+    text.replace(match.position(0), match.length(0), "TIME");
+  }
+  return std::regex_replace(text, std::regex(R"(logger_test\.cc:\d+\])"), "logger_test.cc:LINE]");
 }
 
-TEST_F(LoggerTest, DebugFormatWithEnvironmentDump) {
-  scoped_.platform().setLibraryVersion("1.2.3");
-  scoped_.platform().setAdvertisingIdentifier("AD-ID");
-  UserDefaultManager::setBool(keys::kIsAttEnabled, true);
-  UserDefaultManager::setString(keys::kSubjectId, "SUBJ");
-  UserDefaultManager::setInt(keys::kSdkVersion, 3);
-  log_.clear();
-  SDKLogger::shared().log("abc", LogLevel::debug, "fetch()");
-  auto messages = log_.messages();
-  ASSERT_EQ(messages.size(), 3u);
-  EXPECT_EQ(messages[0], "SDK Version: 1.2.3\n");
-  EXPECT_EQ(messages[1], "ATT AD ID: AD-ID\n");
-  EXPECT_TRUE(std::regex_match(
-      messages[2], std::regex(std::string("Subject Identity: SUBJ\nConfiguration Version: 3\n") +
-                              kTime + R"( \[DEBUG\] \[logger_test\.cc:\d+\] fetch\(\) - abc\n)")))
-      << messages[2];
-}
-
-TEST_F(LoggerTest, DebugWithNothingStoredAndNoVersionOrTracking) {
-  scoped_.platform().setLibraryVersion(std::nullopt);
-  scoped_.platform().setAdvertisingIdentifier("AD-ID");  // tracking is off: not printed
-  SDKLogger::shared().log("x", LogLevel::info, "f()");
-  auto messages = log_.messages();
-  ASSERT_EQ(messages.size(), 1u);
-  EXPECT_EQ(messages[0].rfind("Subject Identity: \nConfiguration Version: 0\n", 0), 0u)
-      << messages[0];
-  EXPECT_NE(messages[0].find("[INFO] [logger_test.cc:"), std::string::npos);
-}
-
-TEST_F(LoggerTest, EmptyAdvertisingIdentifierSkipsItsLine) {
-  UserDefaultManager::setBool(keys::kIsAttEnabled, true);
-  log_.clear();
-  SDKLogger::shared().log("x", LogLevel::error, "f()");
-  EXPECT_FALSE(log_.contains("ATT AD ID"));
+TEST(LoggerTest, LineFormats) {
+  struct Case {
+    LogLevel threshold, level;
+    std::optional<std::string> libraryVersion;
+    std::string adId;
+    bool attEnabled, stored;  // stored: subject SUBJ and configuration version 3
+    std::string expected;
+  } cases[] = {
+      // Below debug: the configuration version, and no space before the text.
+      {LogLevel::warning, LogLevel::warning, "1.2.3", "AD-ID", true, true,
+       "Configuration Version: 3\nTIME [WARNING]abc\n"},
+      {LogLevel::debug, LogLevel::debug, "1.2.3", "AD-ID", true, true,
+       "SDK Version: 1.2.3\n|ATT AD ID: AD-ID\n|Subject Identity: SUBJ\nConfiguration Version: "
+       "3\nTIME [DEBUG] [logger_test.cc:LINE] fetch() - abc\n"},
+      // Nothing stored, no version, tracking off: the identifier is not shown.
+      {LogLevel::debug, LogLevel::info, std::nullopt, "AD-ID", false, false,
+       "Subject Identity: \nConfiguration Version: 0\nTIME [INFO] [logger_test.cc:LINE] fetch() - "
+       "abc\n"},
+      {LogLevel::debug, LogLevel::error, std::nullopt, "", true, false,
+       "Subject Identity: \nConfiguration Version: 0\nTIME [ERROR] [logger_test.cc:LINE] fetch() - "
+       "abc\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.expected);
+    testing::ScopedPlatform scoped;
+    scoped.platform().setLibraryVersion(c.libraryVersion);
+    scoped.platform().setAdvertisingIdentifier(c.adId);
+    UserDefaultManager::setBool(keys::kIsAttEnabled, c.attEnabled);
+    if (c.stored) {
+      UserDefaultManager::setString(keys::kSubjectId, "SUBJ");
+      UserDefaultManager::setInt(keys::kSdkVersion, 3);
+    }
+    SDKLogger::shared().setLogLevel(c.threshold);
+    testing::LogCapture log;
+    const auto before = std::chrono::system_clock::now();
+    SDKLogger::shared().log("abc", c.level, "fetch()");
+    EXPECT_EQ(normalised(log.messages(), before, std::chrono::system_clock::now()), c.expected);
+  }
 }
 
 }  // namespace
