@@ -41,8 +41,11 @@ TEST_F(ConsentAnswerTest, PrefillNeverRecordsOverAChoiceMadeWhileItWaits) {
   app_.setHandler([released](const httplib::Request& request, httplib::Response& response) {
     if (request.method == "GET") {
       released.wait();
-      response.set_content(R"({"status": 0, "data": {"CountryISOCode": {"code": "DE"}}})",
-                           "application/json");
+      response.set_content(
+          R"({"status": 0, "message": "ok", "data": {"City": {}, "Continent": {}, "Country": {},)"
+          R"( "CountryISOCode": {"code": "DE"}, "Language": {}, "Location": {"code": "DE"},)"
+          R"( "RegisteredCountry": {}, "State": {}, "StateISOCode": {}}})",
+          "application/json");
     } else {
       response.set_content(reply(0, "saved"), "application/json");
     }
@@ -56,6 +59,7 @@ TEST_F(ConsentAnswerTest, PrefillNeverRecordsOverAChoiceMadeWhileItWaits) {
   ASSERT_TRUE(eventually([&] { return uploads().size() == 1; })) << log_.text();
   impl_.waitUntilIdle();
 
+  ASSERT_EQ(UserDefaultManager::getStoredCountryCode(), "DE");  // an opt-in banner applies
   EXPECT_EQ(sdk_->get(2), S::granted);
   EXPECT_EQ(UserDefaultManager::getString(keys::kConsentGivenType, ""), kConsentExplicit);
   ASSERT_EQ(uploads().size(), 1u);
