@@ -6,89 +6,84 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <vector>
 
 #include "platform/netlink_path_monitor.h"
+#include "support/test_support.h"
 
 namespace pactivo::detail {
 namespace {
 
+using enum NetworkPathStatus;
 constexpr int kSkipped = 77;
 
-class Recorder {
- public:
-  void record(NetworkPathStatus status) {
-    std::lock_guard lock(mutex_);
-    statuses_.push_back(status);
-    changed_.notify_all();
+// The statuses a monitor reports, in order.
+struct Recorder {
+  std::function<void(NetworkPathStatus)> callback() {
+    return [this](NetworkPathStatus status) {
+      std::lock_guard lock(mutex);
+      seen.push_back(status);
+    };
   }
-  bool waitFor(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(5),
-                             [&] { return statuses_.size() >= count; });
+  // Whether report `index` arrives within five seconds and is `expected`.
+  bool saw(std::size_t index, NetworkPathStatus expected) {
+    auto at = [&]() -> std::optional<NetworkPathStatus> {
+      std::lock_guard lock(mutex);
+      return index < seen.size() ? std::optional(seen[index]) : std::nullopt;
+    };
+    testing::eventually([&] { return at().has_value(); }, std::chrono::seconds(5));
+    return at() == expected;
   }
-  NetworkPathStatus at(std::size_t index) {
-    std::lock_guard lock(mutex_);
-    return statuses_.at(index);
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<NetworkPathStatus> statuses_;
+  std::mutex mutex;
+  std::vector<NetworkPathStatus> seen;
 };
 
-bool run(const char* command) {
-  std::string quiet = std::string(command) + " >/dev/null 2>&1";
-  return std::system(quiet.c_str()) == 0;
+bool quietly(const std::string& commands) {
+  return std::system(("(" + commands + ") >/dev/null 2>&1").c_str()) == 0;
 }
 
 // Runs in a child process of its own namespace; the exit code says which
 // step failed.
 int childBody() {
-  if (unshare(CLONE_NEWNET) != 0 || !run("ip link set lo up")) return kSkipped;
+  if (unshare(CLONE_NEWNET) != 0 || !quietly("ip link set lo up")) return kSkipped;
   Recorder recorder;
   NetlinkPathMonitor monitor;
-  monitor.start([&](NetworkPathStatus status) { recorder.record(status); });
-  if (!recorder.waitFor(1) || recorder.at(0) != NetworkPathStatus::unsatisfied) return 1;
-
-  if (!run("ip link add pv0 type veth peer name pv1") ||
-      !run("ip addr add 10.254.0.1/30 dev pv0") || !run("ip link set pv1 up") ||
-      !run("ip link set pv0 up") || !run("ip route add default via 10.254.0.2 dev pv0")) {
-    return kSkipped;
+  monitor.start(recorder.callback());
+  struct Step {
+    const char* commands;
+    NetworkPathStatus then;
+  } steps[] = {
+      {"true", unsatisfied},  // the first report, with no link but loopback
+      {"ip link add pv0 type veth peer name pv1 && ip addr add 10.254.0.1/30 dev pv0 && "
+       "ip link set pv1 up && ip link set pv0 up && ip route add default via 10.254.0.2 dev pv0",
+       satisfied},
+      {"ip link set pv1 down", unsatisfied},  // pv0 loses its carrier
+      {"ip link set pv1 up", satisfied},
+  };
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    if (!quietly(steps[i].commands)) return kSkipped;
+    if (!recorder.saw(i, steps[i].then)) return static_cast<int>(i) + 1;
   }
-  if (!recorder.waitFor(2) || recorder.at(1) != NetworkPathStatus::satisfied) return 2;
-
-  if (!run("ip link set pv1 down")) return kSkipped;  // pv0 loses its carrier
-  if (!recorder.waitFor(3) || recorder.at(2) != NetworkPathStatus::unsatisfied) return 3;
-
-  if (!run("ip link set pv1 up")) return kSkipped;
-  if (!recorder.waitFor(4) || recorder.at(3) != NetworkPathStatus::satisfied) return 4;
   monitor.cancel();
   return 0;
 }
 
 TEST(NetlinkPathMonitorTest, FollowsAVethPairDownAndUp) {
   if (geteuid() != 0) GTEST_SKIP() << "a network namespace needs root";
-  if (std::system("command -v ip >/dev/null 2>&1") != 0) GTEST_SKIP() << "iproute2 missing";
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) _exit(childBody());
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
+  if (!quietly("command -v ip")) GTEST_SKIP() << "iproute2 missing";
+  int status = testing::runInChild(childBody);
   ASSERT_TRUE(WIFEXITED(status));
   if (WEXITSTATUS(status) == kSkipped) GTEST_SKIP() << "network namespaces are not available";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "failed at step " << WEXITSTATUS(status);
 }
 
 TEST(NetlinkPathMonitorTest, CancelIsPromptAndRepeatable) {
-  NetlinkPathMonitor monitor;
   Recorder recorder;
-  monitor.start([&](NetworkPathStatus status) { recorder.record(status); });
-  ASSERT_TRUE(recorder.waitFor(1));
+  NetlinkPathMonitor monitor;
+  monitor.start(recorder.callback());
+  ASSERT_TRUE(recorder.saw(0, unsatisfied) || recorder.saw(0, satisfied));
   auto start = std::chrono::steady_clock::now();
   monitor.cancel();
   monitor.cancel();

@@ -18,75 +18,53 @@ namespace {
 
 using testing::TempDir;
 
-int freeLoopbackPort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  close(fd);
-  return ntohs(address.sin_port);
-}
-
-bool accepts(int port) {
+// Binds (port 0: any free one) or connects a loopback socket; the port, or -1.
+int loopback(int port, bool bindIt) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  bool ok = bindIt ? bind(fd, raw, length) == 0 && getsockname(fd, raw, &length) == 0
+                   : connect(fd, raw, length) == 0;
   close(fd);
-  return ok;
+  return ok ? ntohs(address.sin_port) : -1;
 }
 
-// nginx in the foreground on a free loopback port, serving `root`.
-class Nginx {
- public:
-  explicit Nginx(const std::filesystem::path& root) : port_(freeLoopbackPort()) {
-    const std::filesystem::path& dir = dir_.path();
-    std::filesystem::create_directories(dir / "logs");
-    std::ofstream(dir / "nginx.conf")
-        << "pid " << (dir / "nginx.pid").string() << ";\n"
-        << "error_log " << (dir / "logs/error.log").string() << ";\n"
-        << "events { worker_connections 16; }\n"
-        << "http {\n"
-        << "  access_log off;\n"
-        << "  client_body_temp_path " << (dir / "body").string() << ";\n"
-        << "  server {\n"
-        << "    listen 127.0.0.1:" << port_ << ";\n"
-        << "    root " << root.string() << ";\n"
-        << "    etag on;\n"
-        << "  }\n"
-        << "}\n";
-    pid_ = fork();
-    if (pid_ == 0) {
+// nginx in the foreground on a free loopback port, serving `root`, until
+// the object goes.
+struct Nginx {
+  explicit Nginx(const std::filesystem::path& root) {
+    const std::string dir = temp.path().string();
+    std::filesystem::create_directories(temp.path() / "logs");
+    std::ofstream(dir + "/nginx.conf")
+        << "pid " << dir << "/nginx.pid;\nerror_log " << dir << "/logs/error.log;\n"
+        << "events { worker_connections 16; }\nhttp {\n  access_log off;\n"
+        << "  client_body_temp_path " << dir << "/body;\n"
+        << "  server { listen 127.0.0.1:" << port << "; root " << root.string()
+        << "; etag on; }\n}\n";
+    pid = fork();
+    if (pid == 0) {
       // nginx must not outlive a test that crashes, nor hold its output.
       prctl(PR_SET_PDEATHSIG, SIGKILL);
-      int devnull = open("/dev/null", O_RDWR);
+      int devnull = open("/dev/null", O_WRONLY);
       dup2(devnull, STDOUT_FILENO);
       dup2(devnull, STDERR_FILENO);
-      execl("/usr/sbin/nginx", "nginx", "-p", dir.c_str(), "-c", (dir / "nginx.conf").c_str(), "-g",
-            "daemon off; master_process off;", static_cast<char*>(nullptr));
+      execl("/usr/sbin/nginx", "nginx", "-p", dir.c_str(), "-c", (dir + "/nginx.conf").c_str(),
+            "-g", "daemon off; master_process off;", static_cast<char*>(nullptr));
       _exit(127);
     }
-    running_ = testing::eventually([this] { return accepts(port_); }, std::chrono::seconds(10));
   }
   ~Nginx() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
+    if (pid <= 0) return;
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
   }
-  bool running() const { return running_; }
-  std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
-
- private:
-  TempDir dir_;
-  int port_;
-  pid_t pid_ = -1;
-  bool running_ = false;
+  TempDir temp;
+  int port = loopback(0, true);
+  pid_t pid = -1;
 };
 
 class NginxTest : public testing::SdkTest {};
@@ -101,14 +79,13 @@ TEST_F(NginxTest, StoresNginxETagAndKeepsCacheOn304) {
   std::filesystem::copy_file(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json",
                              folder / "config_en.json");
   Nginx nginx(www.path());
-  ASSERT_TRUE(nginx.running());
-  setup({.cdnUrl = nginx.baseUrl()});
+  ASSERT_TRUE(testing::eventually([&] { return loopback(nginx.port, false) == nginx.port; }));
+  setup({.cdnUrl = "http://127.0.0.1:" + std::to_string(nginx.port) + "/"});
   ASSERT_EQ(sdk_->getStatus(), SDKStatus::available) << log_.text();
   auto etag = UserDefaultManager::getETag();
-  ASSERT_TRUE(etag);
   // nginx's form: "<mtime hex>-<size hex>" in quotes.
-  EXPECT_EQ(etag->front(), '"');
-  EXPECT_NE(etag->find('-'), std::string::npos);
+  ASSERT_TRUE(etag && etag->front() == '"' && etag->find('-') != std::string::npos)
+      << etag.value_or("no ETag");
 
   platform().advance(3601);
   log_.clear();
