@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "pactivo/locale_utils.h"
 #include "pactivo/user_default_manager.h"
 #include "permissions/permission_manager.h"
 #include "support/test_support.h"
@@ -8,184 +7,138 @@
 namespace pactivo::detail {
 namespace {
 
-using testing::LogCapture;
-using testing::ScopedPlatform;
+using UDM = UserDefaultManager;
+using K = LumariKey;
+constexpr auto G = ConsentStatus::granted, D = ConsentStatus::declined,
+               W = ConsentStatus::withDrawn, N = ConsentStatus::notDetermined;
 
-constexpr auto G = ConsentStatus::granted;
-constexpr auto D = ConsentStatus::declined;
-constexpr auto N = ConsentStatus::notDetermined;
+// The first letter of each answer ("granted": 'g'), so a row of answers is one word.
+char letter(ConsentStatus status) { return rawValue(status)[0]; }
 
 class PermissionProbeTest : public ::testing::Test {
  protected:
-  ConsentStatus probe(LumariKey key) { return PermissionManager::getConsentByPermission(key); }
-  ScopedPlatform scoped_;
-  LogCapture log_;
+  char probe(LumariKey key) { return letter(PermissionManager::getConsentByPermission(key)); }
+  // Tracking and notifications have setters of their own; notifications
+  // answer before the request returns.
+  void answer(const std::string& probe, std::optional<int> code) {
+    if (probe == "tracking")
+      return scoped_.platform().setTrackingAuthorizationStatus(code.value_or(0));
+    if (probe == "notifications") return scoped_.platform().setNotificationStatus(code, true);
+    scoped_.platform().setProbe(probe, code);
+  }
+  testing::ScopedPlatform scoped_;
+  testing::LogCapture log_;
 };
 
 TEST_F(PermissionProbeTest, EveryCodeOfEveryQueriedRow) {
   struct Row {
     const char* probe;
-    std::vector<LumariKey::Case> keys;
-    // The consent for codes 0..6, then for an absent facility.
-    std::vector<ConsentStatus> byCode;
-    ConsentStatus absent;
+    const char* byCode;  // the answer to codes 0..6, then -1, then an absent facility
+    std::vector<K::Case> keys;
   } rows[] = {
       {"locationAuthorizationStatus",
-       {LumariKey::locationWhenInUseUsageDescription, LumariKey::locationAlwaysUsageDescription,
-        LumariKey::locationAlwaysAndWhenInUseUsageDescription},
-       {N, D, D, G, G, N, N},
-       N},
+       "nddggnnnn",
+       {K::locationWhenInUseUsageDescription, K::locationAlwaysUsageDescription,
+        K::locationAlwaysAndWhenInUseUsageDescription}},
       {"cameraAuthorizationStatus",
-       {LumariKey::cameraUsageDescription, LumariKey::cameraBroadcastUsageDescription},
-       {N, D, D, G, N, N, N},
-       N},
+       "nddgnnnnn",
+       {K::cameraUsageDescription, K::cameraBroadcastUsageDescription}},
       {"microphoneAuthorizationStatus",
-       {LumariKey::microphoneUsageDescription, LumariKey::microphoneBroadcastUsageDescription},
-       {N, D, D, G, N, N, N},
-       N},
-      {"photoLibraryAuthorizationStatus",
-       {LumariKey::photoLibraryUsageDescription},
-       {N, D, D, G, G, N, N},
-       N},
-      {"photoLibraryAddOnlyAuthorizationStatus",
-       {LumariKey::photoLibraryAddUsageDescription},
-       {N, D, D, G, G, N, N},
-       N},
-      {"siriAuthorizationStatus", {LumariKey::siriUsageDescription}, {N, D, D, G, N, N, N}, N},
+       "nddgnnnnn",
+       {K::microphoneUsageDescription, K::microphoneBroadcastUsageDescription}},
+      {"photoLibraryAuthorizationStatus", "nddggnnnn", {K::photoLibraryUsageDescription}},
+      {"photoLibraryAddOnlyAuthorizationStatus", "nddggnnnn", {K::photoLibraryAddUsageDescription}},
+      {"siriAuthorizationStatus", "nddgnnnnn", {K::siriUsageDescription}},
       // Any non-zero availability reads as authorized; zero as unknown.
       {"healthDataAvailability",
-       {LumariKey::healthShareUsageDescription, LumariKey::healthUpdateUsageDescription},
-       {N, G, G, G, G, G, G},
-       N},
+       "ngggggggn",
+       {K::healthShareUsageDescription, K::healthUpdateUsageDescription}},
       // 1 and 2 are read crosswise (denied, restricted): both decline.
       {"bluetoothAuthorization",
-       {LumariKey::bluetoothPeripheralUsageDescription, LumariKey::bluetoothAlwaysUsageDescription},
-       {N, D, D, G, N, N, N},
-       N},
-      {"speechRecognitionAuthorizationStatus",
-       {LumariKey::speechRecognitionUsageDescription},
-       {N, D, D, G, N, N, N},
-       N},
-      {"homeKitAuthorizationStatus",
-       {LumariKey::homeKitUsageDescription},
-       {N, D, G, N, N, G, N},
-       N},
+       "nddgnnnnn",
+       {K::bluetoothPeripheralUsageDescription, K::bluetoothAlwaysUsageDescription}},
+      {"speechRecognitionAuthorizationStatus", "nddgnnnnn", {K::speechRecognitionUsageDescription}},
+      {"homeKitAuthorizationStatus", "ndgnngnnn", {K::homeKitUsageDescription}},
+      {"tracking", "nddgnnnnn", {K::userTrackingUsageDescription}},
+      {"notifications", "ndgggnnnn", {K::userNotificationsUsageDescription}},
   };
   for (const auto& row : rows) {
-    for (LumariKey::Case key : row.keys) {
-      for (int code = 0; code < static_cast<int>(row.byCode.size()); ++code) {
-        scoped_.platform().setProbe(row.probe, code);
-        EXPECT_EQ(probe(key), row.byCode[code]) << row.probe << " code " << code;
+    for (K::Case key : row.keys) {
+      std::string seen;
+      for (std::optional<int> code : {0, 1, 2, 3, 4, 5, 6, -1}) {
+        answer(row.probe, code);
+        seen += probe(key);
       }
-      scoped_.platform().setProbe(row.probe, -1);
-      const bool anyNonZeroGrants = std::string(row.probe) == "healthDataAvailability";
-      EXPECT_EQ(probe(key), anyNonZeroGrants ? G : N) << row.probe << " code -1";
-      scoped_.platform().setProbe(row.probe, std::nullopt);
-      EXPECT_EQ(probe(key), row.absent) << row.probe << " absent";
+      answer(row.probe, std::nullopt);
+      seen += probe(key);
+      EXPECT_EQ(seen, row.byCode) << row.probe << " " << K(key).rawValue();
     }
   }
-}
-
-TEST_F(PermissionProbeTest, TrackingUsesTheTrackingStatus) {
-  for (auto [code, expected] : {std::pair{0, N}, {1, D}, {2, D}, {3, G}, {4, N}}) {
-    scoped_.platform().setTrackingAuthorizationStatus(code);
-    EXPECT_EQ(probe(LumariKey::userTrackingUsageDescription), expected) << code;
-  }
-}
-
-TEST_F(PermissionProbeTest, UnqueriedKeysAreNotDetermined) {
-  for (const char* name : {"cameraAuthorizationStatus", "locationAuthorizationStatus"}) {
-    scoped_.platform().setProbe(name, 3);
-  }
-  for (LumariKey key : {LumariKey(LumariKey::contactsUsageDescription),
-                        LumariKey(LumariKey::calendarsUsageDescription),
-                        LumariKey(LumariKey::remindersUsageDescription),
-                        LumariKey(LumariKey::motionUsageDescription),
-                        LumariKey(LumariKey::appleMusicUsageDescription),
-                        LumariKey(LumariKey::faceIDUsageDescription),
-                        LumariKey(LumariKey::nfcReaderUsageDescription),
-                        LumariKey::makeCustom("NSCameraUsageDescription"),
-                        LumariKey::fromRawValue("com.example.Custom")}) {
-    EXPECT_EQ(probe(key), N) << key.rawValue();
-  }
-}
-
-TEST_F(PermissionProbeTest, NotificationProbeNeverWaits) {
-  // The answer arrives later: the probe has already returned.
+  // An answer that comes later is not waited for.
   scoped_.platform().setNotificationStatus(2, false);
-  EXPECT_EQ(probe(LumariKey::userNotificationsUsageDescription), N);
-  // A platform that answers before the request returns is read as it is.
-  struct Case {
-    int status;
-    ConsentStatus expected;
-  } cases[] = {{0, N}, {1, D}, {2, G}, {3, G}, {4, G}, {5, N}};
-  for (const auto& c : cases) {
-    scoped_.platform().setNotificationStatus(c.status, true);
-    EXPECT_EQ(probe(LumariKey::userNotificationsUsageDescription), c.expected) << c.status;
+  EXPECT_EQ(probe(K::userNotificationsUsageDescription), 'n');
+  answer("cameraAuthorizationStatus", 3);
+  answer("locationAuthorizationStatus", 3);
+  for (LumariKey key : {K(K::contactsUsageDescription), K(K::calendarsUsageDescription),
+                        K(K::remindersUsageDescription), K(K::motionUsageDescription),
+                        K(K::appleMusicUsageDescription), K(K::faceIDUsageDescription),
+                        K(K::nfcReaderUsageDescription), K::makeCustom("NSCameraUsageDescription"),
+                        K::fromRawValue("com.example.Custom")}) {
+    EXPECT_EQ(probe(key), 'n') << key.rawValue();
   }
 }
 
 TEST_F(PermissionProbeTest, DeclaredKeysReadTheInformationDictionary) {
-  struct Case {
-    LumariKey::Case key;
-    std::string infoKey;
-    std::optional<std::string> value;
-    ConsentStatus expected;
-  } cases[] = {
-      {LumariKey::localNetworkUsageDescription, "NSLocalNetworkUsageDescription", std::nullopt, N},
-      {LumariKey::localNetworkUsageDescription, "NSLocalNetworkUsageDescription", "", N},
-      {LumariKey::localNetworkUsageDescription, "NSLocalNetworkUsageDescription", "Denied", D},
-      {LumariKey::localNetworkUsageDescription, "NSLocalNetworkUsageDescription", "Restricted", D},
-      {LumariKey::localNetworkUsageDescription, "NSLocalNetworkUsageDescription", "Authorized", G},
-      {LumariKey::localNetworkUsageDescription, "NSLocalNetworkUsageDescription",
-       "Always Authorized", G},
-      {LumariKey::localNetworkUsageDescription, "NSLocalNetworkUsageDescription",
-       "Authorized When In Use", G},
-      {LumariKey::localNetworkUsageDescription, "NSLocalNetworkUsageDescription", "authorized", N},
-      {LumariKey::fileProviderDomainUsageDescription, "NSFileProviderDomainUsageDescription",
-       "Authorized", G},
-      {LumariKey::fileProviderDomainUsageDescription, "NSFileProviderDomainUsageDescription",
-       "Always Authorized", N},
-      {LumariKey::systemExtensionUsageDescription, "NSExtensionUsageDescription", "Authorized", G},
-      {LumariKey::systemExtensionUsageDescription, "NSSystemExtensionUsageDescription",
-       "Authorized", N},
+  struct Row {
+    K::Case key;
+    const char* infoKey;
+    const char* byText;  // absent, then each of the texts below
+  } rows[] = {
+      {K::localNetworkUsageDescription, "NSLocalNetworkUsageDescription", "nnddgggn"},
+      {K::fileProviderDomainUsageDescription, "NSFileProviderDomainUsageDescription", "nnddgnnn"},
+      {K::systemExtensionUsageDescription, "NSExtensionUsageDescription", "nnddgnnn"},
   };
-  for (const auto& c : cases) {
-    testing::ScopedPlatform fresh;
-    if (c.value) fresh.platform().setInfo(c.infoKey, *c.value);
-    EXPECT_EQ(probe(c.key), c.expected) << c.infoKey << "=" << c.value.value_or("(absent)");
+  for (const auto& row : rows) {
+    std::string seen;
+    for (const char* text : {"absent", "", "Denied", "Restricted", "Authorized",
+                             "Always Authorized", "Authorized When In Use", "authorized"}) {
+      testing::ScopedPlatform fresh;
+      if (std::string_view(text) != "absent") fresh.platform().setInfo(row.infoKey, text);
+      seen += letter(PermissionManager::getConsentByPermission(row.key));
+    }
+    EXPECT_EQ(seen, row.byText) << row.infoKey;
   }
 }
 
 TEST_F(PermissionProbeTest, FailingProbeIsLoggedAndNotDetermined) {
-  scoped_.platform().setProbe("cameraAuthorizationStatus", 3);
+  answer("cameraAuthorizationStatus", 3);
   scoped_.platform().setProbeFailure("camera service crashed");
-  EXPECT_EQ(probe(LumariKey::cameraUsageDescription), N);
+  EXPECT_EQ(probe(K::cameraUsageDescription), 'n');
   EXPECT_TRUE(log_.contains("[ERROR] [permission_probe.cc:"));
   EXPECT_TRUE(
       log_.contains("getConsentByPermission(lumiriKey:) - Something went wrong while "
                     "fetching the permission status: camera service crashed"));
 }
 
-AppPermission permission(LumariKey key, std::string name = "") {
+AppPermission permission(LumariKey key, std::string name = "", std::optional<bool> prompt = {}) {
   AppPermission p;
   p.permissionId = key;
   if (!name.empty()) p.nameMap = LocalizedText{{"en", std::move(name)}};
+  p.isSettingsPromptEnabled = prompt;
   return p;
 }
 
-class PermissionManagerTest : public PermissionProbeTest {};
-
-// Managers read the document's list in place; this one owns its list.
 struct PermissionList {
   std::optional<std::vector<AppPermission>> list;
 };
 class OwnedPermissionManager : private PermissionList, public PermissionManager {
  public:
   OwnedPermissionManager(std::optional<std::vector<AppPermission>> permissions,
-                         const std::optional<SettingsPrompt>& prompt)
+                         const std::optional<SettingsPrompt>& prompt = std::nullopt)
       : PermissionList{std::move(permissions)}, PermissionManager(list, prompt) {}
 };
+
+using PermissionManagerTest = PermissionProbeTest;
 
 TEST_F(PermissionManagerTest, CheckFollowsThePlatform) {
   struct Case {
@@ -198,102 +151,86 @@ TEST_F(PermissionManagerTest, CheckFollowsThePlatform) {
   } cases[] = {
       {"first run, authorized", std::nullopt, 3, false, false, G},
       {"first run, pending", std::nullopt, 3, true, true, G},
-      {"granted, now denied", G, 2, false, true, ConsentStatus::withDrawn},
-      {"withdrawn, still denied", ConsentStatus::withDrawn, 2, false, false,
-       ConsentStatus::withDrawn},
+      {"granted, now denied", G, 2, false, true, W},
+      {"withdrawn, still denied", W, 2, false, false, W},
       {"declined, now granted", D, 3, false, true, G},
       {"unchanged, pending again", G, 3, true, true, G},
       {"facility gone", G, std::nullopt, false, true, N},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    UserDefaultManager::removeAllConsents();
-    if (c.stored)
-      UserDefaultManager::setPermissionConsent(LumariKey::cameraUsageDescription, *c.stored);
-    if (c.pending) UserDefaultManager::addPendingPermission(LumariKey::cameraUsageDescription);
-    scoped_.platform().setProbe("cameraAuthorizationStatus", c.camera);
+    UDM::removeAllConsents();
+    if (c.stored) UDM::setPermissionConsent(K::cameraUsageDescription, *c.stored);
+    if (c.pending) UDM::addPendingPermission(K::cameraUsageDescription);
+    answer("cameraAuthorizationStatus", c.camera);
     OwnedPermissionManager manager(
-        std::vector{permission(LumariKey::cameraUsageDescription), AppPermission{}}, std::nullopt);
+        std::vector{permission(K::cameraUsageDescription), AppPermission{}});
     log_.clear();
     auto result = manager.checkPermissions();
     EXPECT_EQ(result.changed, c.reported);
-    EXPECT_EQ(result.consents.size(), c.reported ? 1u : 0u);
-    if (c.reported) {
-      EXPECT_EQ(result.consents[0],
-                PermissionConsent(LumariKey::cameraUsageDescription, c.storedAfter, 1700000000));
-      EXPECT_EQ(UserDefaultManager::getPendingPermissions(),
-                std::vector<std::string>{"NSCameraUsageDescription"});
-      EXPECT_TRUE(log_.contains("[INFO]"));
-      EXPECT_TRUE(
-          log_.contains("checkPermissions() - Changed Permissions: [PermissionConsent("
-                        "permission: NSCameraUsageDescription, consentStatus: " +
-                        std::string(rawValue(c.storedAfter))));
-    }
-    EXPECT_EQ(UserDefaultManager::getPermissionConsent(LumariKey::cameraUsageDescription, D),
-              c.storedAfter);
+    EXPECT_EQ(UDM::getPermissionConsent(K::cameraUsageDescription, D), c.storedAfter);
     EXPECT_TRUE(log_.contains("checkPermissions() - Permissions consent checks executed."));
-    EXPECT_FALSE(UserDefaultManager::getBool(keys::kArePermissionsChanged));
+    EXPECT_FALSE(UDM::getBool(keys::kArePermissionsChanged));
+    EXPECT_EQ(result.consents, std::vector<PermissionConsent>(
+                                   c.reported, PermissionConsent(K::cameraUsageDescription,
+                                                                 c.storedAfter, 1700000000)));
+    EXPECT_EQ(UDM::getPendingPermissions(),
+              std::vector<std::string>(c.reported, "NSCameraUsageDescription"));
+    EXPECT_EQ(log_.contains("checkPermissions() - Changed Permissions: [PermissionConsent("
+                            "permission: NSCameraUsageDescription, consentStatus: " +
+                            std::string(rawValue(c.storedAfter))),
+              c.reported);
   }
-}
-
-TEST_F(PermissionManagerTest, CustomKeyIsReportedOnlyWhenPendingOrDifferent) {
-  LumariKey custom = LumariKey::fromRawValue("com.example.Scanner");
-  OwnedPermissionManager manager(std::vector{permission(custom)}, std::nullopt);
+  // A key no probe answers is reported once something else was stored.
+  LumariKey custom = K::fromRawValue("com.example.Scanner");
+  OwnedPermissionManager manager(std::vector{permission(custom)});
   EXPECT_FALSE(manager.checkPermissions().changed);
-  UserDefaultManager::setPermissionConsent(custom, G);
+  UDM::setPermissionConsent(custom, G);
   EXPECT_TRUE(manager.checkPermissions().changed);
-  EXPECT_EQ(UserDefaultManager::getPermissionConsent(custom, G), N);
+  EXPECT_EQ(UDM::getPermissionConsent(custom, G), N);
 }
 
 TEST_F(PermissionManagerTest, UpdateOnlyRecordsWhatThePlatformReports) {
-  scoped_.platform().setProbe("cameraAuthorizationStatus", 2);
-  OwnedPermissionManager manager(std::nullopt, std::nullopt);
-  AppPermission camera = permission(LumariKey::cameraUsageDescription);
+  answer("cameraAuthorizationStatus", 2);
+  OwnedPermissionManager manager(std::nullopt);
+  AppPermission camera = permission(K::cameraUsageDescription);
   EXPECT_FALSE(manager.updatePermissionConsent(camera, G, kConsentExplicit));
-  EXPECT_TRUE(UserDefaultManager::allEntries().empty());
   EXPECT_FALSE(manager.updatePermissionConsent(AppPermission{}, D, kConsentExplicit));
-
-  UserDefaultManager::setPermissionConsent(LumariKey::cameraUsageDescription, G);
+  EXPECT_TRUE(UDM::allEntries().empty());
+  UDM::setPermissionConsent(K::cameraUsageDescription, G);
   EXPECT_TRUE(manager.updatePermissionConsent(camera, D, kConsentExplicit));
-  EXPECT_EQ(UserDefaultManager::getPermissionConsent(LumariKey::cameraUsageDescription, N),
-            ConsentStatus::withDrawn);
-  EXPECT_TRUE(UserDefaultManager::getBool(keys::kArePermissionsChanged));
-  EXPECT_EQ(UserDefaultManager::getInt64(keys::kPermissionsChangeTimestamp, 0), 1700000000);
-  EXPECT_EQ(UserDefaultManager::getString(keys::kConsentGivenType, ""), kConsentExplicit);
-  EXPECT_EQ(UserDefaultManager::getPendingPermissions(),
-            std::vector<std::string>{"NSCameraUsageDescription"});
+  EXPECT_EQ(UDM::getPermissionConsent(K::cameraUsageDescription, N), W);
+  EXPECT_TRUE(UDM::getBool(keys::kArePermissionsChanged));
+  EXPECT_EQ(UDM::getInt64(keys::kPermissionsChangeTimestamp, 0), 1700000000);
+  EXPECT_EQ(UDM::getString(keys::kConsentGivenType, ""), kConsentExplicit);
+  EXPECT_EQ(UDM::getPendingPermissions(), std::vector<std::string>{"NSCameraUsageDescription"});
 }
 
 TEST_F(PermissionManagerTest, SettingsPromptFlagsAndOrder) {
-  AppPermission camera = permission(LumariKey::cameraUsageDescription, "Camera");
-  camera.isSettingsPromptEnabled = true;
-  AppPermission mic = permission(LumariKey::microphoneUsageDescription, "camera");
-  mic.isSettingsPromptEnabled = true;
-  AppPermission local = permission(LumariKey::localNetworkUsageDescription, "Audio 10");
-  AppPermission audio9 = permission(LumariKey::siriUsageDescription, "audio 9");
-  std::vector<AppPermission> all{camera, mic, local, audio9, AppPermission{}};
-
+  std::vector<AppPermission> all{permission(K::cameraUsageDescription, "Camera", true),
+                                 permission(K::microphoneUsageDescription, "camera", true),
+                                 permission(K::localNetworkUsageDescription, "Audio 10"),
+                                 permission(K::siriUsageDescription, "audio 9"), AppPermission{}};
   SettingsPrompt prompt;
   prompt.permissions = std::map<std::string, bool>{{"NSCameraUsageDescription", true},
                                                    {"NSLocalNetworkUsageDescription", false}};
-  auto withPrompt = OwnedPermissionManager(all, prompt).getPermissions();
-  ASSERT_EQ(withPrompt.size(), 4u);
   // Equal names (case aside) keep document order; digits compare by value.
-  EXPECT_EQ(withPrompt[0].permissionId, LumariKey(LumariKey::siriUsageDescription));
-  EXPECT_EQ(withPrompt[1].permissionId, LumariKey(LumariKey::localNetworkUsageDescription));
-  EXPECT_EQ(withPrompt[2].permissionId, LumariKey(LumariKey::cameraUsageDescription));
-  EXPECT_EQ(withPrompt[3].permissionId, LumariKey(LumariKey::microphoneUsageDescription));
-  EXPECT_EQ(withPrompt[2].isSettingsPromptEnabled, true);
-  EXPECT_EQ(withPrompt[3].isSettingsPromptEnabled,
-            false);  // no entry: false, whatever the record says
-  EXPECT_EQ(withPrompt[1].isSettingsPromptEnabled, false);
-  EXPECT_EQ(withPrompt[1].consentStatus, N);
-
-  auto emptyMap = OwnedPermissionManager(all, SettingsPrompt{}).getPermissions();
-  EXPECT_EQ(emptyMap[2].isSettingsPromptEnabled, false);
-  auto noPrompt = OwnedPermissionManager(all, std::nullopt).getPermissions();
-  EXPECT_EQ(noPrompt[2].isSettingsPromptEnabled, true);  // the record's own flag
-  EXPECT_EQ(noPrompt[0].isSettingsPromptEnabled, std::nullopt);
+  // With a prompt, a key without an entry is off whatever its record says.
+  struct Case {
+    std::optional<SettingsPrompt> prompt;
+    const char* expected;
+  } cases[] = {{prompt, "Sir:0 Loc:0 Cam:1 Mic:0 "},
+               {SettingsPrompt{}, "Sir:0 Loc:0 Cam:0 Mic:0 "},
+               {std::nullopt, "Sir:- Loc:- Cam:1 Mic:1 "}};
+  for (const auto& c : cases) {
+    std::string seen;
+    for (const AppPermission& p : OwnedPermissionManager(all, c.prompt).getPermissions()) {
+      seen += std::string(p.permissionId->rawValue()).substr(2, 3) + ":" +
+              (p.isSettingsPromptEnabled ? (*p.isSettingsPromptEnabled ? "1 " : "0 ") : "- ");
+      EXPECT_EQ(p.consentStatus, N);
+    }
+    EXPECT_EQ(seen, c.expected);
+  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The preference suite: typed reads, stored texts, lists, and the SQLite file
 // shared with other connections and processes, killed or corrupt.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
@@ -12,6 +13,7 @@
 #include "pactivo/consent_sdk.h"
 #include "pactivo/user_default_manager.h"
 #include "persistence/preference_store.h"
+#include "purposes/purpose_manager.h"
 #include "support/test_support.h"
 
 namespace pactivo {
@@ -25,117 +27,124 @@ class UserDefaultManagerTest : public ::testing::Test {
   std::filesystem::path suiteFile() const {
     return scoped_.dataDirectory() / detail::PreferenceStore::kFileName;
   }
+  // Runs `statement` on a connection of its own, as another process would;
+  // returns the first column of the last row.
+  std::string sql(const std::string& statement) {
+    sqlite3* db = nullptr;
+    EXPECT_EQ(sqlite3_open(suiteFile().c_str(), &db), SQLITE_OK);
+    sqlite3_busy_timeout(db, 5000);
+    std::string row;
+    auto keep = [](void* out, int, char** values, char**) {
+      *static_cast<std::string*>(out) = values[0] ? values[0] : "NULL";
+      return 0;
+    };
+    EXPECT_EQ(sqlite3_exec(db, statement.c_str(), keep, &row, nullptr), SQLITE_OK) << statement;
+    sqlite3_close(db);
+    return row;
+  }
   testing::ScopedPlatform scoped_;
 };
 
-TEST_F(UserDefaultManagerTest, DefaultsAndTypedReadsFallBackOnWrongType) {
+// Each key read as text, number and flag; numbers and flags are one kind.
+TEST_F(UserDefaultManagerTest, TypedReadsFallBackOnWrongType) {
   EXPECT_EQ(UDM::getComplianceType(), ComplianceType::noticeOnly);
-  EXPECT_EQ(UDM::getPurposeConsent("7", ConsentStatus::notDetermined),
-            ConsentStatus::notDetermined);
-  EXPECT_EQ(UDM::getInt64("anything", -4), -4);
-  EXPECT_TRUE(UDM::getPendingPurposes().empty() && UDM::getPendingPermissions().empty());
   EXPECT_FALSE(UDM::getETag() || UDM::getLocationTimestamp() || UDM::getStoredLocation());
-
+  const std::string stamp(keys::kCurrentLocationTimestamp);
   UDM::setString("s", "text");
   UDM::setBool("b", true);
   UDM::setInt64("i", 1LL << 40);
-  const auto newYear = std::chrono::system_clock::time_point(std::chrono::seconds(1704067200));
-  UDM::setLocationTimestamp(newYear);
-  EXPECT_EQ(UDM::getString("b", "dflt"), "dflt");
-  EXPECT_EQ(UDM::getString("i", "dflt"), "dflt");
-  EXPECT_EQ(UDM::getInt64("s", 9), 9);
-  EXPECT_EQ(UDM::getInt64("i", 9), 1LL << 40);
-  EXPECT_EQ(UDM::getInt64("b", 9), 1);  // a boolean is a number
-  EXPECT_TRUE(UDM::getBool("i"));
-  EXPECT_FALSE(UDM::getBool("s"));
-  EXPECT_EQ(UDM::getInt64(keys::kCurrentLocationTimestamp, 5), 5);  // a date is not a number
-  EXPECT_EQ(UDM::getLocationTimestamp(), newYear);
-  UDM::setString(keys::kCurrentLocationTimestamp, "yesterday");
-  EXPECT_EQ(UDM::getLocationTimestamp(), std::nullopt);
+  UDM::setLocationTimestamp(std::chrono::system_clock::from_time_t(1704067200));
+  std::string reads;
+  for (std::string key : {"s", "b", "i", stamp.c_str(), "none"}) {
+    reads += UDM::getString(key, "-") + " " + std::to_string(UDM::getInt64(key, 9)) +
+             (UDM::getBool(key) ? " 1, " : " 0, ");
+  }
+  EXPECT_EQ(reads, "text 9 0, - 1 1, - 1099511627776 1, - 9 0, - 9 0, ");
+  EXPECT_EQ(UDM::getLocationTimestamp(), std::chrono::system_clock::from_time_t(1704067200));
+  EXPECT_EQ(sql("SELECT type || ' ' || value FROM preferences WHERE key = '" + stamp + "'"),
+            "3 1704067200.0");
+  UDM::setString(stamp, "yesterday");
   UDM::setInt(keys::kEtag, 3);
-  EXPECT_EQ(UDM::getETag(), std::nullopt);
+  EXPECT_FALSE(UDM::getLocationTimestamp() || UDM::getETag());
   UDM::setETag("W/\"1\"");
   EXPECT_EQ(UDM::getETag(), "W/\"1\"");
   UDM::clearETag();
-  EXPECT_EQ(UDM::getETag(), std::nullopt);
-  auto entries = UDM::allEntries();
-  ASSERT_EQ(entries.size(), 4u);
-  EXPECT_TRUE(std::is_sorted(entries.begin(), entries.end(),
-                             [](const auto& a, const auto& b) { return a.key < b.key; }));
+  std::string keys;  // in key order, the ETag gone
+  for (const auto& entry : UDM::allEntries()) keys += entry.key + " ";
+  EXPECT_EQ(keys, "b " + stamp + " i s ");
 }
 
+// Stored texts as read back: unknown ones fall back to the caller's default.
 TEST_F(UserDefaultManagerTest, ConsentsAndComplianceTexts) {
-  struct Case {
-    std::string stored;
-    std::optional<ConsentStatus> read;
-  } cases[] = {{"granted", ConsentStatus::granted},
-               {"declined", ConsentStatus::declined},
-               {"not_determined", ConsentStatus::notDetermined},
-               {"withdrawn", ConsentStatus::withDrawn},
-               {"withDrawn", std::nullopt},
-               {"GRANTED", std::nullopt},
-               {"", std::nullopt}};
-  for (const auto& c : cases) {
-    UDM::setString("12", c.stored);
-    EXPECT_EQ(UDM::getStoredConsent("12"), c.read) << c.stored;
-    EXPECT_EQ(UDM::getPurposeConsent("12", ConsentStatus::declined),
-              c.read.value_or(ConsentStatus::declined))
-        << c.stored;
+  std::string reads;
+  for (const char* text :
+       {"granted", "declined", "not_determined", "withdrawn", "withDrawn", "GRANTED", ""}) {
+    UDM::setString("12", text);
+    reads += rawValue(UDM::getPurposeConsent("12", ConsentStatus::notDetermined));
+    reads += UDM::getStoredConsent("12") ? " " : "? ";
   }
+  EXPECT_EQ(reads,
+            "granted declined not_determined withdrawn not_determined? not_determined? "
+            "not_determined? ");
+  for (const char* text : {"opt-in", "opt-out", "notice-only", "Opt-In", "opt_in"}) {
+    UDM::setString(keys::kCurrentComplianceType, text);
+    reads += std::string(rawValue(UDM::getComplianceType())) + " ";
+  }
+  EXPECT_TRUE(reads.ends_with("opt-in opt-out notice-only notice-only notice-only ")) << reads;
   UDM::setPurposeConsent("12", ConsentStatus::withDrawn);
-  EXPECT_EQ(UDM::getString("12", ""), "withdrawn");
   UDM::setPermissionConsent(LumariKey::cameraUsageDescription, ConsentStatus::granted);
-  EXPECT_EQ(UDM::getString("NSCameraUsageDescription", ""), "granted");
+  UDM::setComplianceType(ComplianceType::optOut);
+  EXPECT_EQ(sql("SELECT group_concat(key || '=' || value, ' ') FROM preferences"),
+            "12=withdrawn CURRENT_COMPLIANCE_TYPE=opt-out NSCameraUsageDescription=granted");
   EXPECT_EQ(UDM::getPermissionConsent(LumariKey::makeCustom("X"), ConsentStatus::declined),
             ConsentStatus::declined);
-  for (auto [stored, read] : {std::pair{"opt-in", ComplianceType::optIn},
-                              {"opt-out", ComplianceType::optOut},
-                              {"notice-only", ComplianceType::noticeOnly},
-                              {"Opt-In", ComplianceType::noticeOnly},
-                              {"opt_in", ComplianceType::noticeOnly}}) {
-    UDM::setString(keys::kCurrentComplianceType, stored);
-    EXPECT_EQ(UDM::getComplianceType(), read) << stored;
-  }
-  UDM::setComplianceType(ComplianceType::optOut);
-  EXPECT_EQ(UDM::getString(keys::kCurrentComplianceType, ""), "opt-out");
 }
 
-TEST_F(UserDefaultManagerTest, PendingListsKeepEachEntryOnceAndRefuseForeignElements) {
+TEST_F(UserDefaultManagerTest, PendingListsAreSortedSetsStoredInTheArrayFormat) {
   for (std::int64_t id : {5, 5, -2}) UDM::addPendingPurpose(id);
-  auto purposes = UDM::getPendingPurposes();
-  std::sort(purposes.begin(), purposes.end());
-  EXPECT_EQ(purposes, (std::vector<std::int64_t>{-2, 5}));
-  UDM::clearPendingPurposes();
-  EXPECT_TRUE(UDM::getPendingPurposes().empty());
   for (auto key : {LumariKey(LumariKey::cameraUsageDescription), LumariKey::makeCustom("a:b;s3:"),
                    LumariKey(LumariKey::cameraUsageDescription)}) {
     UDM::addPendingPermission(key);
   }
-  auto permissions = UDM::getPendingPermissions();
-  std::sort(permissions.begin(), permissions.end());
-  EXPECT_EQ(permissions, (std::vector<std::string>{"NSCameraUsageDescription", "a:b;s3:"}));
+  EXPECT_EQ(UDM::getPendingPurposes(), (std::vector<std::int64_t>{-2, 5}));
+  EXPECT_EQ(UDM::getPendingPermissions(),
+            (std::vector<std::string>{"NSCameraUsageDescription", "a:b;s3:"}));
+  const std::string rows = "SELECT group_concat(type || ' ' || value, ', ') FROM preferences";
+  EXPECT_EQ(sql(rows), "4 s24:NSCameraUsageDescriptions7:a:b;s3:, 4 i-2;i5;");
+  UDM::clearPendingPurposes();
   UDM::clearPendingPermissions();
-  EXPECT_TRUE(UDM::getPendingPermissions().empty());
-
-  std::string error;
-  using E = std::vector<PreferenceArrayElement>;
-  ASSERT_TRUE(detail::currentStore()->put(keys::kPendingPermissionsList,
-                                          E{std::string("NSCameraUsageDescription"), int64_t{4}},
-                                          &error));
-  EXPECT_TRUE(UDM::getPendingPermissions().empty());
-  ASSERT_TRUE(detail::currentStore()->put(keys::kPendingPurposesList,
-                                          E{int64_t{1}, std::string("2")}, &error));
-  EXPECT_TRUE(UDM::getPendingPurposes().empty());
+  EXPECT_EQ(sql(rows), "4 , 4 ");  // cleared lists are stored empty
+  // A list holding a foreign element reads as empty; an add replaces it.
+  sql("REPLACE INTO preferences VALUES ('PENDING_PERMISSIONS_LIST', 4, 's1:xi4;'), "
+      "('PENDING_PURPOSES_LIST', 4, 'i1;s1:2')");
+  EXPECT_TRUE(UDM::getPendingPermissions().empty() && UDM::getPendingPurposes().empty());
+  UDM::addPendingPurpose(3);
+  EXPECT_EQ(sql(rows), "4 s1:xi4;, 4 i3;");
   UDM::setString(keys::kPendingPurposesList, "1,2");
   EXPECT_TRUE(UDM::getPendingPurposes().empty());
-  UDM::addPendingPurpose(3);  // replaces the foreign list
-  EXPECT_EQ(UDM::getPendingPurposes(), (std::vector<std::int64_t>{3}));
 
+  using E = std::vector<PreferenceArrayElement>;
   E elements{int64_t{-9}, std::string(""), std::string("x\0y;i1;", 7), int64_t{INT64_MAX}};
   EXPECT_EQ(detail::decodeArray(detail::encodeArray(elements)), elements);
   for (std::string_view bad : {"i12", "s5:abc", "x", "i;", "s:"}) {
     EXPECT_EQ(detail::decodeArray(bad), std::nullopt) << bad;
   }
+}
+
+// The choice, its change flag and stamp, its type and its pending entry land
+// together: a write SQLite refuses leaves none of them behind.
+TEST_F(UserDefaultManagerTest, AChoiceIsStoredWhollyOrNotAtAll) {
+  LogCapture log;
+  UDM::setPurposeConsent("2", ConsentStatus::declined);
+  sql("CREATE TRIGGER refuse BEFORE INSERT ON preferences WHEN NEW.key = '2' "
+      "BEGIN SELECT RAISE(ABORT, 'refused'); END");
+  std::optional<std::vector<Purpose>> list(std::vector<Purpose>(1));
+  list->front().purposeId = 2;
+  detail::PurposeManager manager(list, false, std::nullopt);
+  EXPECT_FALSE(manager.updatePurposeConsent(list->front(), ConsentStatus::granted, "explicit"));
+  EXPECT_EQ(sql("SELECT group_concat(key || '=' || value) FROM preferences"), "2=declined");
+  EXPECT_EQ(UDM::allEntries().size(), 1u);
+  EXPECT_TRUE(log.contains("Failed to write preference 2: refused"));
 }
 
 TEST_F(UserDefaultManagerTest, SubjectIdIsReplacedWhenEmptyOrRemoved) {
@@ -147,8 +156,7 @@ TEST_F(UserDefaultManagerTest, SubjectIdIsReplacedWhenEmptyOrRemoved) {
   EXPECT_EQ(UDM::getSubjectId(), first);
   UDM::setString(keys::kSubjectId, "");
   std::string replaced = UDM::getSubjectId();
-  EXPECT_FALSE(replaced.empty());
-  EXPECT_NE(replaced, first);
+  EXPECT_TRUE(!replaced.empty() && replaced != first);
   UDM::setETag("\"e\"");
   UDM::addPendingPurpose(1);
   UDM::removeAllConsents();
@@ -161,67 +169,58 @@ TEST_F(UserDefaultManagerTest, SubjectIdIsReplacedWhenEmptyOrRemoved) {
 TEST_F(UserDefaultManagerTest, SeesCommitsOfAnotherConnection) {
   UDM::setString("k", "mine");
   EXPECT_EQ(UDM::getString("k", ""), "mine");
-  for (const char* sql :
-       {"UPDATE preferences SET value = 'theirs' WHERE key = 'k'", "DELETE FROM preferences"}) {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(suiteFile().c_str(), &db), SQLITE_OK);
-    sqlite3_busy_timeout(db, 5000);
-    EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sql;
-    sqlite3_close(db);
-    EXPECT_EQ(UDM::getString("k", "gone"), sql[0] == 'U' ? "theirs" : "gone");
-  }
-}
-
-TEST_F(UserDefaultManagerTest, PersistsAcrossProcessesAndSurvivesKill) {
-  UDM::setString("parent", "1");
-  int status = testing::runInChild([] {
-    bool sawParent = UDM::getString("parent", "") == "1";
-    for (int i = 0; i < 300; ++i) UDM::setInt("n" + std::to_string(i), i);
-    // Killed without any clean-up, right after the last write returned.
-    if (sawParent) kill(getpid(), SIGKILL);
-    return 3;
-  });
-  ASSERT_TRUE(WIFSIGNALED(status)) << "child exit " << WEXITSTATUS(status);
-  for (int i = 0; i < 300; ++i) ASSERT_EQ(UDM::getInt64("n" + std::to_string(i), -1), i) << i;
+  sql("UPDATE preferences SET value = 'theirs' WHERE key = 'k'");
+  EXPECT_EQ(UDM::getString("k", ""), "theirs");
+  sql("DELETE FROM preferences");
+  EXPECT_EQ(UDM::getString("k", "gone"), "gone");
 }
 
 // Each process maps the other's WAL index; losing SQLite's lock on it once
 // let a writer truncate the index under the other (SIGBUS, failed writes).
-TEST_F(UserDefaultManagerTest, TwoProcessesWritingAtOnceNeverFail) {
+// The child is killed without any clean-up right after its last write
+// returned: every write it made must be on disk.
+TEST_F(UserDefaultManagerTest, TwoProcessesWritingAtOnceNeverFailAndAKilledOneLosesNothing) {
   LogCapture log;
-  constexpr int kWrites = 200;
-  UDM::getBool("create the suite before forking");
+  constexpr int kWrites = 200, kThreads = 4;
+  UDM::setString("parent", "1");
   detail::resetCurrentStore();
   pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
+    const bool sawParent = UDM::getString("parent", "") == "1";
     for (int i = 0; i < kWrites; ++i) UDM::setInt("child" + std::to_string(i), i);
-    _exit(0);
+    if (sawParent) kill(getpid(), SIGKILL);
+    _exit(3);
   }
-  for (int i = 0; i < kWrites; ++i) UDM::setInt("parent" + std::to_string(i), i);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  EXPECT_FALSE(log.contains("Failed to write preference"));
-  EXPECT_EQ(UDM::allEntries().size(), 2u * kWrites);
-}
-
-TEST_F(UserDefaultManagerTest, ConcurrentWritersFromThreads) {
-  constexpr int kThreads = 8, kWrites = 100;
-  std::vector<std::thread> threads;
+  std::vector<std::thread> threads;  // the parent's one connection, shared
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
-      for (int i = 0; i < kWrites; ++i) {
-        std::string key = "t" + std::to_string(t) + "-" + std::to_string(i);
+      for (int i = t; i < kWrites; i += kThreads) {
+        std::string key = "parent" + std::to_string(i);
         UDM::setString(key, key);
         EXPECT_EQ(UDM::getString(key, ""), key);
-        UDM::setPurposeConsent("shared", ConsentStatus::granted);
-        UDM::getPurposeConsent("shared", ConsentStatus::declined);
       }
     });
   }
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(UDM::allEntries().size(), kThreads * kWrites + 1u);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+  EXPECT_FALSE(log.contains("Failed to write preference"));
+  for (int i = 0; i < kWrites; ++i) ASSERT_EQ(UDM::getInt64("child" + std::to_string(i), -1), i);
+  EXPECT_EQ(UDM::allEntries().size(), 2u * kWrites + 1);
+  // The race above is not always lost; this is the cause, every time. While
+  // the index is in use SQLite read-locks its byte 128: another process must
+  // see that lock, or it resets the index under this one.
+  const std::string index = suiteFile().string() + "-shm";
+  if ((child = fork()) == 0) {  // the store stays open here
+    struct flock lock {};
+    lock.l_type = F_WRLCK, lock.l_whence = SEEK_SET, lock.l_start = 128, lock.l_len = 1;
+    const int fd = open(index.c_str(), O_RDWR);
+    _exit(fd >= 0 && fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_RDLCK ? 0 : 1);
+  }
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST_F(UserDefaultManagerTest, CorruptSuiteIsMovedAsideNotWiped) {
@@ -265,15 +264,11 @@ TEST(UnopenableSuiteTest, LeavesTheHostRunningWithNothingStored) {
     EXPECT_EQ(UDM::getString("k", "default"), "default");
   }
   const auto messages = log.messages();
-  EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
-                          [](const std::string& m) {
-                            return m.find("[ERROR]") != std::string::npos &&
-                                   m.find(
-                                       "Could not create or access UserDefaults suite: "
-                                       "tessarin-cmp-sdk") != std::string::npos;
-                          }),
-            1)
-      << log.text();
+  auto failed = [](const std::string& m) {
+    return m.find("[ERROR]") != m.npos &&
+           m.find("Could not create or access UserDefaults suite: tessarin-cmp-sdk") != m.npos;
+  };
+  EXPECT_EQ(std::count_if(messages.begin(), messages.end(), failed), 1) << log.text();
   installPlatform(nullptr);
 }
 
