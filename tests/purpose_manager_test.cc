@@ -215,6 +215,64 @@ TEST_F(PurposeManagerTest, DisplayOrder) {
   std::vector<std::int64_t> ids;
   for (const Purpose& p : OwnedPurposeManager(purposes).getPurposes()) ids.push_back(*p.purposeId);
   EXPECT_EQ(ids, (std::vector<std::int64_t>{7, 6, 8, 5, 10, 4, 3, 2, 1, 9}));
+  // An essential purpose mapped to tracking stays with the essential ones.
+  ids.clear();
+  for (const Purpose& p : OwnedPurposeManager(purposes, true, att({6, 3})).getPurposes()) {
+    ids.push_back(*p.purposeId);
+  }
+  EXPECT_EQ(ids, (std::vector<std::int64_t>{7, 6, 3, 8, 5, 10, 4, 2, 1, 9}));
+}
+
+TEST_F(PurposeManagerTest, ACheckReportsEachChangeOnce) {
+  // Pending, and withdrawn by the tracking rule in the same second (no change
+  // time stored reads as now): one record, not two.
+  UDM::setPurposeConsent("3", G);
+  UDM::addPendingPurpose(3);
+  auto result = OwnedPurposeManager({purpose(3)}, true, att({3})).checkPurposes();
+  EXPECT_TRUE(result.changed);
+  EXPECT_EQ(result.consents, (std::vector{PurposeConsent(3, W, 1700000000, false)}));
+}
+
+TEST(PersistedKeysTest, TextsAreTheStoredFormat) {
+  std::string all;
+  for (std::string_view key : {keys::kSubjectId,
+                               keys::kConsentGivenType,
+                               keys::kArePurposesChanged,
+                               keys::kPurposesChangeTimestamp,
+                               keys::kArePermissionsChanged,
+                               keys::kPermissionsChangeTimestamp,
+                               keys::kPendingPurposesList,
+                               keys::kPendingPermissionsList,
+                               keys::kUploadConsentRequestPending,
+                               keys::kCurrentComplianceType,
+                               keys::kBannerInterval,
+                               keys::kIsBannerPresent,
+                               keys::kLastModeUsed,
+                               keys::kLanguageCode,
+                               keys::kCdnCachedTimestamp,
+                               keys::kCdnFileLocation,
+                               keys::kEtag,
+                               keys::kXAuthToken,
+                               keys::kSdkVersion,
+                               keys::kIsAttEnabled,
+                               keys::kIsSettingsPromptEnabled,
+                               keys::kCurrentLocation,
+                               keys::kCurrentCountryCode,
+                               keys::kCurrentLocationTimestamp,
+                               kConsentNoAction,
+                               kConsentExplicit,
+                               kConsentImplicit,
+                               kPreferenceSuiteName}) {
+    all += std::string(key) + " ";
+  }
+  EXPECT_EQ(all,
+            "SUBJECT_ID CONSENT_GIVEN_TYPE ARE_PURPOSES_CHANGED PURPOSES_CHANGE_TIMESTAMP "
+            "ARE_PERMISSIONS_CHANGED PERMISSIONS_CHANGE_TIMESTAMP PENDING_PURPOSES_LIST "
+            "PENDING_PERMISSIONS_LIST UPLOAD_CONSENT_REQUEST_PENDING CURRENT_COMPLIANCE_TYPE "
+            "BANNER_INTERVAL IS_BANNER_PRESENT LAST_MODE_USED LANGUAGECODE CDN_CACHED_TIMESTAMP "
+            "CDN_FILE_LOCATION Etag X_AUTH_TOKEN SDK_VERSION IS_ATT_ENABLED "
+            "IS_SETTINGS_PROMPT_ENABLED curr_location curr_countryCode curr_location_timestamp "
+            "CONSENT_NO_ACTION CONSENT_EXPLICIT CONSENT_IMPLICIT tessarin-cmp-sdk ");
 }
 
 }  // namespace
