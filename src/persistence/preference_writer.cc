@@ -60,6 +60,13 @@ std::string PreferenceWriter::getString(std::string_view key, std::string_view d
   return text ? *text : std::string(defaultValue);
 }
 
+std::int64_t PreferenceWriter::getInt64(std::string_view key, std::int64_t defaultValue) const {
+  const PreferenceValue* value = transaction_.find(key);
+  if (const auto* number = value ? std::get_if<std::int64_t>(value) : nullptr) return *number;
+  if (const auto* flag = value ? std::get_if<bool>(value) : nullptr) return *flag ? 1 : 0;
+  return defaultValue;
+}
+
 std::optional<ConsentStatus> PreferenceWriter::getConsent(std::string_view key) const {
   return consentValue(transaction_.find(key));
 }

@@ -34,6 +34,8 @@ class PreferenceWriter {
 
   std::string getString(std::string_view key, std::string_view defaultValue) const;
   std::optional<ConsentStatus> getConsent(std::string_view key) const;
+  // A stored number (a boolean reads as 0 or 1), else `defaultValue`.
+  std::int64_t getInt64(std::string_view key, std::int64_t defaultValue) const;
 
   void setString(std::string_view key, std::string_view value);
   void setBool(std::string_view key, bool value);

@@ -12,6 +12,7 @@
 #include "pactivo/logger.h"
 #include "pactivo/platform.h"
 #include "pactivo/user_default_manager.h"
+#include "persistence/preference_writer.h"
 #include "platform/time.h"
 #include "sdk/consent_sdk_impl.h"
 
@@ -249,9 +250,13 @@ void ConsentSDK::Impl::saveCDNToFile(const MainConfiguration& config, const std:
     cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
   }
   if (std::filesystem::exists(backup, ec)) removeCDNFile(backup);
-  UserDefaultManager::setString(keys::kCdnFileLocation, fileUrl(target));
-  UserDefaultManager::setInt64(keys::kCdnCachedTimestamp, detail::currentTimeSeconds());
-  UserDefaultManager::setString(keys::kLanguageCode, LocaleUtils::currentLanguageCode());
+  // One commit, so one sync, for the bookkeeping of the save.
+  detail::updatePreferences("cache bookkeeping", [&](detail::PreferenceWriter& writer) {
+    writer.setString(keys::kCdnFileLocation, fileUrl(target));
+    writer.setInt64(keys::kCdnCachedTimestamp, detail::currentTimeSeconds());
+    writer.setString(keys::kLanguageCode, LocaleUtils::currentLanguageCode());
+    return true;
+  });
   log("CDN saved at: " + fileUrl(target), LogLevel::debug, kFunction);
 }
 
@@ -297,17 +302,21 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
 void ConsentSDK::Impl::applyConfiguration(
     const std::shared_ptr<const MainConfiguration>& document) {
   const MainConfiguration& config = *document;
-  UserDefaultManager::setString(keys::kXAuthToken, config.token.value_or(""));
-  UserDefaultManager::setBool(keys::kIsSettingsPromptEnabled,
-                              config.isSettingsPromptEnabled.value_or(false));
-  UserDefaultManager::setBool(keys::kIsAttEnabled, config.isATTEnabled.value_or(false));
-
-  const std::int64_t current = config.version.value_or(kDefaultDocumentVersion);
-  std::int64_t stored = UserDefaultManager::getInt(keys::kSdkVersion);
-  if (stored == 0) stored = current;  // a first apply is never a new version
-  const bool reConsent = stored < current && config.reConsentEnabled.value_or(false);
-  if (reConsent) UserDefaultManager::setString(keys::kConsentGivenType, kConsentNoAction);
-  UserDefaultManager::setInt(keys::kSdkVersion, current);
+  bool reConsent = false;
+  // One commit, so one sync; the values repeat on every apply, and a write
+  // that changes nothing costs nothing.
+  detail::updatePreferences("configuration", [&](detail::PreferenceWriter& writer) {
+    writer.setString(keys::kXAuthToken, config.token.value_or(""));
+    writer.setBool(keys::kIsSettingsPromptEnabled, config.isSettingsPromptEnabled.value_or(false));
+    writer.setBool(keys::kIsAttEnabled, config.isATTEnabled.value_or(false));
+    const std::int64_t current = config.version.value_or(kDefaultDocumentVersion);
+    std::int64_t stored = writer.getInt64(keys::kSdkVersion, 0);
+    if (stored == 0) stored = current;  // a first apply is never a new version
+    reConsent = stored < current && config.reConsentEnabled.value_or(false);
+    if (reConsent) writer.setString(keys::kConsentGivenType, kConsentNoAction);
+    writer.setInt64(keys::kSdkVersion, current);
+    return true;
+  });
 
   if (UserDefaultManager::getString(keys::kConsentGivenType, kConsentNoAction) ==
       kConsentNoAction) {
