@@ -238,10 +238,16 @@ TEST_F(CdnCacheTest, ASaveKilledAtAnyInstantLeavesAWholeDocument) {
 }
 
 TEST_F(CdnCacheTest, BackupThatCannotBeMadeKeepsOldDocument) {
+  std::int64_t newer = 10;
   for (bool readOnly : {false, true}) {
     SCOPED_TRACE(readOnly ? "read-only directory" : "directory in the backup's place");
     setup();
-    publishVersion4();
+    const auto kept = impl_.readCDNFile(true)->version;
+    const auto stamp = UserDefaultManager::getInt64(keys::kCdnCachedTimestamp, 0);
+    MainConfiguration next = exampleConfiguration();
+    next.version = newer++;
+    cdn_.respond(200, encode(next));
+    platform().advance(7200);
     if (readOnly) {
       std::filesystem::permissions(scoped_.dataDirectory(), std::filesystem::perms::owner_write,
                                    std::filesystem::perm_options::remove);
@@ -252,9 +258,13 @@ TEST_F(CdnCacheTest, BackupThatCannotBeMadeKeepsOldDocument) {
     log_.clear();
     auto document = impl_.getCDNFile();
     ASSERT_TRUE(document);
-    EXPECT_EQ(document->version, 3);
-    EXPECT_TRUE(log_.contains("saveCDNToFile(config:fileName:) - Error creating backup: "));
-    EXPECT_EQ(UserDefaultManager::getInt64(keys::kCdnCachedTimestamp, 0), 1700000000);
+    EXPECT_EQ(document->version, kept);
+    // A read-only directory refuses the new file before the old one is moved.
+    EXPECT_TRUE(log_.contains(readOnly
+                                  ? "saveCDNToFile(config:fileName:) - Error saving CDN: "
+                                  : "saveCDNToFile(config:fileName:) - Error creating backup: "))
+        << log_.text();
+    EXPECT_EQ(UserDefaultManager::getInt64(keys::kCdnCachedTimestamp, 0), stamp);
     EXPECT_EQ(sdk_->getStatus(), SDKStatus::available);
     std::filesystem::remove_all(backupFile());
   }
