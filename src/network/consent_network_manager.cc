@@ -1,6 +1,7 @@
 #include <curl/curl.h>
 #include <dirent.h>
 #include <openssl/bio.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -370,32 +371,7 @@ std::unique_ptr<BIO, BioDeleter> openFile(const std::filesystem::path& path) {
   return std::unique_ptr<BIO, BioDeleter>(BIO_new_file(path.c_str(), "r"));
 }
 
-}  // namespace
-
-std::string userAgent(const Platform& platform) {
-  std::string product = headerSafe(platform.applicationName());
-  if (auto version = platform.infoDictionaryString("CFBundleShortVersionString");
-      version && !version->empty()) {
-    product += "/" + headerSafe(*version);
-  }
-  return std::string("Pactivo/") + PACTIVO_VERSION + " (Linux; " + product + ")";
-}
-
-std::string acceptLanguage(const std::vector<std::string>& languages) {
-  std::string text;
-  int listed = 0;
-  for (const auto& language : languages) {
-    const std::string tag = headerSafe(language);
-    if (tag.empty()) continue;
-    if (listed > 0) text += ", ";
-    text += tag;
-    if (listed > 0) text += ";q=0." + std::to_string(10 - listed);
-    if (++listed == 6) break;
-  }
-  return text;
-}
-
-std::vector<std::string> networkSettingsProblems(const NetworkSettings& settings) {
+std::vector<std::string> checkNetworkSettings(const NetworkSettings& settings) {
   std::vector<std::string> problems;
   if (!settings.caFile.empty()) {
     auto bio = openFile(settings.caFile);
@@ -454,6 +430,39 @@ std::vector<std::string> networkSettingsProblems(const NetworkSettings& settings
     problems.push_back("client key " + keyPath.string() + " does not belong to certificate " +
                        certificatePath.string());
   }
+  return problems;
+}
+
+}  // namespace
+
+std::string userAgent(const Platform& platform) {
+  std::string product = headerSafe(platform.applicationName());
+  if (auto version = platform.infoDictionaryString("CFBundleShortVersionString");
+      version && !version->empty()) {
+    product += "/" + headerSafe(*version);
+  }
+  return std::string("Pactivo/") + PACTIVO_VERSION + " (Linux; " + product + ")";
+}
+
+std::string acceptLanguage(const std::vector<std::string>& languages) {
+  std::string text;
+  int listed = 0;
+  for (const auto& language : languages) {
+    const std::string tag = headerSafe(language);
+    if (tag.empty()) continue;
+    if (listed > 0) text += ", ";
+    text += tag;
+    if (listed > 0) text += ";q=0." + std::to_string(10 - listed);
+    if (++listed == 6) break;
+  }
+  return text;
+}
+
+std::vector<std::string> networkSettingsProblems(const NetworkSettings& settings) {
+  std::vector<std::string> problems = checkNetworkSettings(settings);
+  // A failed read leaves its reasons queued on this thread, where libcurl
+  // would later report them as its own.
+  ERR_clear_error();
   return problems;
 }
 
