@@ -4,10 +4,11 @@ find_package(Threads REQUIRED)
 find_package(SQLite3 REQUIRED)
 pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
 find_package(CURL REQUIRED)
+find_package(OpenSSL REQUIRED)
 find_package(ICU REQUIRED COMPONENTS uc i18n)
 find_package(simdjson CONFIG REQUIRED)
 find_package(RapidJSON CONFIG REQUIRED)
 
 # Linked privately: no public header includes any of them.
 set(PACTIVO_PRIVATE_DEPENDENCIES SQLite::SQLite3 PkgConfig::UUID simdjson::simdjson CURL::libcurl
-  ICU::uc ICU::i18n ${CMAKE_DL_LIBS})
+  OpenSSL::Crypto ICU::uc ICU::i18n ${CMAKE_DL_LIBS})

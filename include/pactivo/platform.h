@@ -48,6 +48,33 @@ class PACTIVO_EXPORT NetworkPathMonitor {
   virtual void cancel() = 0;
 };
 
+// How the library reaches its servers inside an operator's network. Every
+// member is optional; an empty one leaves libcurl's default in place.
+//
+// Trust: `caFile` (a PEM bundle) and `caDirectory` (PEM files under OpenSSL's
+// hashed names, as `openssl rehash` makes them) REPLACE the system's store of
+// trusted authorities rather than add to it; a host that needs both lists
+// both in its bundle. When neither is set, the SSL_CERT_FILE and SSL_CERT_DIR
+// environment variables are honoured as OpenSSL programs honour them, and
+// without those the system store applies. Server verification is always on:
+// no setting turns it off.
+//
+// Mutual TLS: `clientCertificate` and `clientKey` are PEM files (the key not
+// encrypted); a certificate file that also holds its key may stand alone.
+// Both are checked once at setup, and an unreadable, malformed or mismatched
+// pair is logged there as an error.
+//
+// Proxy: `proxy` ("http://proxy.example:3128") carries every request and wins
+// over the environment. Without it libcurl's own handling of http_proxy,
+// https_proxy (lower case; HTTPS_PROXY too) and no_proxy applies.
+struct NetworkSettings {
+  std::filesystem::path caFile{};
+  std::filesystem::path caDirectory{};
+  std::filesystem::path clientCertificate{};
+  std::filesystem::path clientKey{};
+  std::string proxy{};
+};
+
 class PACTIVO_EXPORT Platform {
  public:
   virtual ~Platform();
@@ -78,6 +105,15 @@ class PACTIVO_EXPORT Platform {
 
   // The library version reported in logs and uploads; nullopt when unknown.
   virtual std::optional<std::string> libraryVersion() const = 0;
+
+  // The host application's name, sent in every request's User-Agent
+  // ("Pactivo/<version> (Linux; <name>/<CFBundleShortVersionString>)"). The
+  // default is the running program's file name.
+  virtual std::string applicationName() const;
+
+  // Trust, client certificate and proxy for every request; see
+  // NetworkSettings. The default sets nothing.
+  virtual NetworkSettings networkSettings() const;
 
   // Runs `work` on the host's main thread and returns once it has run. The
   // library waits for it, so the host's main thread must keep running while
@@ -174,6 +210,8 @@ class PACTIVO_EXPORT LinuxPlatform : public Platform {
     std::vector<std::pair<std::string, std::string>> infoDictionary{};
     // Where Google Consent Mode signals go; see Platform::consentModeHandler.
     ConsentModeHandler consentModeHandler{};
+    // Private CA, client certificate and proxy; see NetworkSettings.
+    NetworkSettings network{};
   };
 
   LinuxPlatform();
@@ -190,6 +228,8 @@ class PACTIVO_EXPORT LinuxPlatform : public Platform {
   std::string localizedString(const std::string& key, const std::string& comment) const override;
   std::chrono::system_clock::time_point now() const override;
   ConsentModeHandler consentModeHandler() const override;
+  std::string applicationName() const override;
+  NetworkSettings networkSettings() const override;
   // Watches the kernel's routing tables over a netlink socket: satisfied
   // while a non-loopback interface is up with an address and a default route
   // exists.

@@ -1,8 +1,15 @@
 #include <curl/curl.h>
+#include <dirent.h>
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <stop_token>
@@ -186,7 +193,75 @@ struct Hop {
   std::optional<std::string> redirect;  // where a followed redirect status points
 };
 
-Hop sendOnce(const URLRequest& request, Clock::time_point deadline, const std::stop_token& stop) {
+// A header value never carries a line break or other control character.
+std::string headerSafe(std::string text) {
+  std::erase_if(text, [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+  return text;
+}
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+// What every hop of one send() applies besides the request itself.
+struct Connection {
+  NetworkSettings settings;
+  std::string userAgent;
+  std::string acceptLanguage;
+};
+
+void applyTrust(CURL* handle, const NetworkSettings& settings) {
+  // Verification is never relaxed, whatever else is set.
+  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+  curl_easy_setopt(handle, CURLOPT_PROXY_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(handle, CURLOPT_PROXY_SSL_VERIFYHOST, 2L);
+  std::string file = settings.caFile.string();
+  std::string directory = settings.caDirectory.string();
+  if (file.empty() && directory.empty()) {
+    // As OpenSSL programs do; an unset variable keeps libcurl's default.
+    file = environment("SSL_CERT_FILE");
+    directory = environment("SSL_CERT_DIR");
+  } else {
+    // The host's authorities replace the system's: libcurl's built-in bundle
+    // must not stay in force beside a directory given alone.
+    curl_easy_setopt(handle, CURLOPT_CAINFO, nullptr);
+    curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
+    curl_easy_setopt(handle, CURLOPT_PROXY_CAINFO, nullptr);
+    curl_easy_setopt(handle, CURLOPT_PROXY_CAPATH, nullptr);
+  }
+  // An HTTPS proxy inside the operator's network answers to the same trust.
+  if (!file.empty()) {
+    curl_easy_setopt(handle, CURLOPT_CAINFO, file.c_str());
+    curl_easy_setopt(handle, CURLOPT_PROXY_CAINFO, file.c_str());
+  }
+  if (!directory.empty()) {
+    curl_easy_setopt(handle, CURLOPT_CAPATH, directory.c_str());
+    curl_easy_setopt(handle, CURLOPT_PROXY_CAPATH, directory.c_str());
+  }
+}
+
+void applyNetworkSettings(CURL* handle, const NetworkSettings& settings) {
+  applyTrust(handle, settings);
+  if (!settings.clientCertificate.empty()) {
+    curl_easy_setopt(handle, CURLOPT_SSLCERTTYPE, "PEM");
+    curl_easy_setopt(handle, CURLOPT_SSLCERT, settings.clientCertificate.c_str());
+    if (!settings.clientKey.empty()) {
+      curl_easy_setopt(handle, CURLOPT_SSLKEYTYPE, "PEM");
+      curl_easy_setopt(handle, CURLOPT_SSLKEY, settings.clientKey.c_str());
+    }
+  }
+  if (!settings.proxy.empty()) {
+    curl_easy_setopt(handle, CURLOPT_PROXY, settings.proxy.c_str());
+    // The host's proxy wins over the environment, no_proxy included: an
+    // empty list set here stops libcurl from reading the variable.
+    curl_easy_setopt(handle, CURLOPT_NOPROXY, "");
+  }
+}
+
+Hop sendOnce(const URLRequest& request, const Connection& connection, Clock::time_point deadline,
+             const std::stop_token& stop) {
   std::unique_ptr<CURL, EasyDeleter> curl(curl_easy_init());
   if (!curl) throw TransportError("cannot create a transfer");
   CURL* handle = curl.get();
@@ -201,6 +276,10 @@ Hop sendOnce(const URLRequest& request, Clock::time_point deadline, const std::s
   }
   // No "Expect: 100-continue" round trip before large uploads.
   headers.reset(curl_slist_append(headers.release(), "Expect:"));
+  if (!connection.acceptLanguage.empty() && !request.headers.contains("Accept-Language")) {
+    const std::string line = "Accept-Language: " + connection.acceptLanguage;
+    headers.reset(curl_slist_append(headers.release(), line.c_str()));
+  }
 
   auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
   if (left.count() <= 0) {
@@ -217,6 +296,8 @@ Hop sendOnce(const URLRequest& request, Clock::time_point deadline, const std::s
   curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(left.count()));
   curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
+  curl_easy_setopt(handle, CURLOPT_USERAGENT, connection.userAgent.c_str());
+  applyNetworkSettings(handle, connection.settings);
   if (request.method == "GET") {
     curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
   } else if (request.method == "head") {
@@ -268,7 +349,122 @@ Hop sendOnce(const URLRequest& request, Clock::time_point deadline, const std::s
   return hop;
 }
 
+struct BioDeleter {
+  void operator()(BIO* bio) const { BIO_free(bio); }
+};
+struct X509Deleter {
+  void operator()(X509* certificate) const { X509_free(certificate); }
+};
+struct KeyDeleter {
+  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+struct InfoStackDeleter {
+  void operator()(STACK_OF(X509_INFO) * infos) const {
+    sk_X509_INFO_pop_free(infos, X509_INFO_free);
+  }
+};
+
+// Refuses to ask for a pass phrase: a set-top box has nobody to type it.
+int noPassphrase(char*, int, int, void*) { return 0; }
+
+std::unique_ptr<BIO, BioDeleter> openFile(const std::filesystem::path& path) {
+  return std::unique_ptr<BIO, BioDeleter>(BIO_new_file(path.c_str(), "r"));
+}
+
+std::vector<std::string> checkNetworkSettings(const NetworkSettings& settings) {
+  std::vector<std::string> problems;
+  if (!settings.caFile.empty()) {
+    auto bio = openFile(settings.caFile);
+    std::unique_ptr<STACK_OF(X509_INFO), InfoStackDeleter> infos(
+        bio ? PEM_X509_INFO_read_bio(bio.get(), nullptr, noPassphrase, nullptr) : nullptr);
+    int certificates = 0;
+    for (int i = 0; infos && i < sk_X509_INFO_num(infos.get()); ++i) {
+      if (sk_X509_INFO_value(infos.get(), i)->x509 != nullptr) ++certificates;
+    }
+    if (!bio) {
+      problems.push_back("CA file " + settings.caFile.string() + " cannot be read");
+    } else if (certificates == 0) {
+      problems.push_back("CA file " + settings.caFile.string() + " holds no PEM certificate");
+    }
+  }
+  if (!settings.caDirectory.empty()) {
+    DIR* directory = opendir(settings.caDirectory.c_str());
+    if (directory == nullptr) {
+      problems.push_back("CA directory " + settings.caDirectory.string() + " cannot be read");
+    } else {
+      closedir(directory);
+    }
+  }
+  if (settings.clientCertificate.empty()) {
+    if (!settings.clientKey.empty()) {
+      problems.push_back("client key " + settings.clientKey.string() +
+                         " given without a client certificate");
+    }
+    return problems;
+  }
+  const auto& certificatePath = settings.clientCertificate;
+  auto bio = openFile(certificatePath);
+  if (!bio) {
+    problems.push_back("client certificate " + certificatePath.string() + " cannot be read");
+    return problems;
+  }
+  std::unique_ptr<X509, X509Deleter> certificate(
+      PEM_read_bio_X509(bio.get(), nullptr, noPassphrase, nullptr));
+  if (!certificate) {
+    problems.push_back("client certificate " + certificatePath.string() +
+                       " holds no PEM certificate");
+    return problems;
+  }
+  // Without a key file the key must follow the certificate in its file.
+  const auto& keyPath = settings.clientKey.empty() ? certificatePath : settings.clientKey;
+  auto keyBio = openFile(keyPath);
+  if (!keyBio) {
+    problems.push_back("client key " + keyPath.string() + " cannot be read");
+    return problems;
+  }
+  std::unique_ptr<EVP_PKEY, KeyDeleter> key(
+      PEM_read_bio_PrivateKey(keyBio.get(), nullptr, noPassphrase, nullptr));
+  if (!key) {
+    problems.push_back("client key " + keyPath.string() + " holds no unencrypted PEM private key");
+  } else if (X509_check_private_key(certificate.get(), key.get()) != 1) {
+    problems.push_back("client key " + keyPath.string() + " does not belong to certificate " +
+                       certificatePath.string());
+  }
+  return problems;
+}
+
 }  // namespace
+
+std::string userAgent(const Platform& platform) {
+  std::string product = headerSafe(platform.applicationName());
+  if (auto version = platform.infoDictionaryString("CFBundleShortVersionString");
+      version && !version->empty()) {
+    product += "/" + headerSafe(*version);
+  }
+  return std::string("Pactivo/") + PACTIVO_VERSION + " (Linux; " + product + ")";
+}
+
+std::string acceptLanguage(const std::vector<std::string>& languages) {
+  std::string text;
+  int listed = 0;
+  for (const auto& language : languages) {
+    const std::string tag = headerSafe(language);
+    if (tag.empty()) continue;
+    if (listed > 0) text += ", ";
+    text += tag;
+    if (listed > 0) text += ";q=0." + std::to_string(10 - listed);
+    if (++listed == 6) break;
+  }
+  return text;
+}
+
+std::vector<std::string> networkSettingsProblems(const NetworkSettings& settings) {
+  std::vector<std::string> problems = checkNetworkSettings(settings);
+  // A failed read leaves its reasons queued on this thread, where libcurl
+  // would later report them as its own.
+  ERR_clear_error();
+  return problems;
+}
 
 RedirectAction redirectAction(std::string_view from, std::string_view to) {
   const std::string scheme = urlPart(to, CURLUPART_SCHEME);
@@ -343,9 +539,12 @@ ConsentNetworkManager::ConsentNetworkManager() {
 Exchange ConsentNetworkManager::send(const URLRequest& request) {
   const std::stop_token stop = currentTaskStopToken();
   const Clock::time_point deadline = Clock::now() + request.transferTimeout;
+  const std::shared_ptr<Platform> platform = currentPlatform();
+  const Connection connection{platform->networkSettings(), userAgent(*platform),
+                              acceptLanguage(platform->preferredLanguages())};
   URLRequest next = request;
   for (int redirects = 0;; ++redirects) {
-    Hop hop = sendOnce(next, deadline, stop);
+    Hop hop = sendOnce(next, connection, deadline, stop);
     if (!hop.redirect) return std::move(hop.exchange);
     if (redirects == kMaxRedirects) {
       throw TransportError("more than " + std::to_string(kMaxRedirects) + " redirects");

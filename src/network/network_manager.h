@@ -9,10 +9,12 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "network/request_builder.h"
 #include "pactivo/json.h"
 #include "pactivo/network_error.h"
+#include "pactivo/platform.h"
 
 namespace pactivo::detail {
 
@@ -53,6 +55,21 @@ RedirectAction redirectAction(std::string_view from, std::string_view to);
 std::string exchangeDump(const URLRequest& request, const std::optional<HTTPResponse>& response,
                          const std::optional<std::string>& body);
 
+// "Pactivo/<version> (Linux; <application>/<application version>)", the
+// application's version left out when its information dictionary has no
+// "CFBundleShortVersionString".
+std::string userAgent(const Platform& platform);
+
+// "de-DE, de;q=0.9, en;q=0.8" for the preferred languages de-DE, de and en:
+// at most six, each after the first a tenth less wanted than the one before.
+std::string acceptLanguage(const std::vector<std::string>& languages);
+
+// What would make requests fail under `settings`, one message for each
+// problem: a trust file or directory that cannot be read, a client
+// certificate or key that is unreadable, not PEM, encrypted, or not a pair.
+// Empty when all is well.
+std::vector<std::string> networkSettingsProblems(const NetworkSettings& settings);
+
 // Sends requests. Implementations are safe to call from several threads.
 class NetworkManager {
  public:
@@ -81,7 +98,8 @@ class NetworkManager {
 };
 
 // The libcurl implementation: a fresh easy handle per request (no shared
-// cache or connection state), TLS verification on, up to 10 redirects
+// cache or connection state), TLS verification always on, the current
+// platform's NetworkSettings, User-Agent and Accept-Language applied to each, up to 10 redirects
 // followed as redirectAction() allows (a 303, and a 301 or 302 answering a
 // POST, continue as a body-less GET), and the transfer aborted promptly when
 // the calling task is cancelled.

@@ -13,7 +13,7 @@
 #endif
 
 namespace pactivo {
-namespace {
+namespace detail {
 
 std::string programName() {
   std::error_code ec;
@@ -21,6 +21,11 @@ std::string programName() {
   if (!ec && !exe.filename().empty()) return exe.filename().string();
   return "pactivo-host";
 }
+
+}  // namespace detail
+
+namespace {
+using detail::programName;
 
 // $HOME, else the password database's entry for the user.
 std::filesystem::path homeDirectory() {
@@ -136,6 +141,12 @@ std::chrono::system_clock::time_point LinuxPlatform::now() const {
 Platform::ConsentModeHandler LinuxPlatform::consentModeHandler() const {
   return settings_.consentModeHandler;
 }
+
+std::string LinuxPlatform::applicationName() const {
+  return settings_.applicationName.empty() ? programName() : settings_.applicationName;
+}
+
+NetworkSettings LinuxPlatform::networkSettings() const { return settings_.network; }
 
 std::unique_ptr<NetworkPathMonitor> LinuxPlatform::makeNetworkPathMonitor() const {
   return std::make_unique<detail::NetlinkPathMonitor>();

@@ -7,6 +7,11 @@
 #include "persistence/preference_store.h"
 
 namespace pactivo {
+namespace detail {
+// The running program's file name (linux_platform.cc).
+std::string programName();
+}  // namespace detail
+
 namespace {
 
 struct PlatformSlot {
@@ -42,6 +47,8 @@ bool Platform::standardPreferenceBool(const std::string& key) const {
 }
 Platform::ConsentModeHandler Platform::consentModeHandler() const { return {}; }
 std::unique_ptr<NetworkPathMonitor> Platform::makeNetworkPathMonitor() const { return nullptr; }
+std::string Platform::applicationName() const { return detail::programName(); }
+NetworkSettings Platform::networkSettings() const { return {}; }
 
 NetworkPathMonitor::~NetworkPathMonitor() = default;
 

@@ -78,6 +78,11 @@ void ConsentSDK::Impl::setup(const ConsentSDKOptions& hostOptions) {
   const bool switchedToLive = options.mode == Mode::live && lastMode == "draft";
 
   SDKLogger::shared().setLogLevel(options.logLevel);
+  // Said once here rather than hidden in every failing request.
+  for (const auto& problem :
+       detail::networkSettingsProblems(currentPlatform()->networkSettings())) {
+    SDKLogger::shared().log("Network settings: " + problem, LogLevel::error, "setup(_:)");
+  }
 
   if (options.languageCode && !options.languageCode->empty()) {
     LocaleUtils::setCurrentLanguageCode(*options.languageCode);

@@ -65,6 +65,8 @@ class FakePlatform : public Platform {
   void requestNotificationAuthorizationStatus(std::function<void(int)> completion) const override;
   bool standardPreferenceBool(const std::string& key) const override;
   ConsentModeHandler consentModeHandler() const override { return get(consentModeHandler_); }
+  std::string applicationName() const override { return "Fake TV"; }
+  NetworkSettings networkSettings() const override { return get(network_); }
   // A monitor that reports what the test passes to reportPath().
   std::unique_ptr<NetworkPathMonitor> makeNetworkPathMonitor() const override;
 
@@ -92,6 +94,7 @@ class FakePlatform : public Platform {
   void setInfo(std::string key, std::string value);
   void setLibraryVersion(std::optional<std::string> v) { set(libraryVersion_, std::move(v)); }
   void setTranslation(std::string key, std::string text);
+  void setNetworkSettings(NetworkSettings settings) { set(network_, std::move(settings)); }
   // Seconds since 1970.
   void setNow(std::int64_t seconds) { now_ = seconds; }
   void advance(std::int64_t seconds) { now_ += seconds; }
@@ -127,6 +130,7 @@ class FakePlatform : public Platform {
   bool notificationImmediate_ = false;
   std::map<std::string, bool> standardPreferences_;
   ConsentModeHandler consentModeHandler_;
+  NetworkSettings network_;
   mutable std::atomic<int> monitorsMade_{0};
   std::shared_ptr<PathChannel> pathChannel_;
 };

@@ -31,6 +31,12 @@ struct CommonOptions {
   LogLevel logLevel = LogLevel::warning;
   std::int64_t interval = 1800;
   std::string dataDir;
+  // The box's network inside an operator's: see pactivo::NetworkSettings.
+  std::string caFile;
+  std::string caDir;
+  std::string clientCert;
+  std::string clientKey;
+  std::string proxy;
   bool json = false;
   bool help = false;
   bool strict = false;
@@ -40,7 +46,8 @@ struct CommonOptions {
 // Parses `words` (after the command name). Throws UsageError.
 CommonOptions parseOptions(const std::vector<std::string>& words);
 
-// Installs the platform for --data-dir (or the default one).
+// Installs the platform for --data-dir (or the default one) and the network
+// options.
 void installDataDirectory(const CommonOptions& options);
 
 // The library options for a command that talks to a deployment. Throws

@@ -37,6 +37,12 @@ constexpr const char* kUsage =
     "  --log-level LEVEL     DEBUG, INFO, WARNING (default) or ERROR\n"
     "  --interval SECONDS    consent check interval (default 1800)\n"
     "  --data-dir DIR        where the preference suite and cache live\n"
+    "  --ca-file FILE        trusted authorities (PEM); replaces the system's\n"
+    "  --ca-dir DIR          trusted authorities (hashed PEM files); replaces the system's\n"
+    "  --client-cert FILE    client certificate (PEM) for servers that ask for one\n"
+    "  --client-key FILE     its private key (PEM, not encrypted)\n"
+    "  --proxy URL           proxy for every request (wins over http_proxy, https_proxy\n"
+    "                        and no_proxy, which apply without it)\n"
     "  --json                machine-readable output\n"
     "  --strict              validate: warnings fail too\n"
     "  --help                this text\n";

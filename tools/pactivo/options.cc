@@ -22,9 +22,11 @@ std::int64_t parseInterval(const std::string& text) {
 CommonOptions parseOptions(const std::vector<std::string>& words) {
   CommonOptions options;
   const std::map<std::string, std::string CommonOptions::*> strings = {
-      {"--cdn-url", &CommonOptions::cdnUrl},   {"--app-url", &CommonOptions::appUrl},
-      {"--tenant", &CommonOptions::tenant},    {"--app", &CommonOptions::app},
-      {"--data-dir", &CommonOptions::dataDir},
+      {"--cdn-url", &CommonOptions::cdnUrl},       {"--app-url", &CommonOptions::appUrl},
+      {"--tenant", &CommonOptions::tenant},        {"--app", &CommonOptions::app},
+      {"--data-dir", &CommonOptions::dataDir},     {"--ca-file", &CommonOptions::caFile},
+      {"--ca-dir", &CommonOptions::caDir},         {"--client-cert", &CommonOptions::clientCert},
+      {"--client-key", &CommonOptions::clientKey}, {"--proxy", &CommonOptions::proxy},
   };
   for (std::size_t i = 0; i < words.size(); ++i) {
     const std::string& word = words[i];
@@ -67,6 +69,11 @@ void installDataDirectory(const CommonOptions& options) {
   LinuxPlatform::Settings settings;
   settings.applicationName = "pactivo";
   settings.dataDirectory = options.dataDir;
+  settings.network = {.caFile = options.caFile,
+                      .caDirectory = options.caDir,
+                      .clientCertificate = options.clientCert,
+                      .clientKey = options.clientKey,
+                      .proxy = options.proxy};
   installPlatform(std::make_shared<LinuxPlatform>(settings));
 }
 
