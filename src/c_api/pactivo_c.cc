@@ -11,6 +11,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <type_traits>
 
 #include "c_api/c_platform.h"
 #include "pactivo/consent_sdk.h"
@@ -104,6 +105,15 @@ const char* consentText(ConsentStatus status) {
   return "not_determined";
 }
 
+// A C caller may pass any int where an enum is declared; reading it as the
+// C++ enum would be undefined, so its bytes are read as the underlying integer.
+template <typename E>
+long long rawEnum(const E& value) {
+  std::underlying_type_t<E> raw;
+  std::memcpy(&raw, &value, sizeof raw);
+  return static_cast<long long>(raw);
+}
+
 char* duplicate(const std::string& text) {
   char* copy = static_cast<char*>(std::malloc(text.size() + 1));
   if (copy == nullptr) throw std::bad_alloc();
@@ -184,7 +194,7 @@ ConsentSDKOptions optionsOf(const pactivo_options& given) {
   pactivo_options o;
   std::memset(&o, 0, sizeof o);
   std::memcpy(&o, &given, std::min(given.size, sizeof o));
-  if (o.log_level < PACTIVO_LOG_DEBUG || o.log_level > PACTIVO_LOG_ERROR) {
+  if (rawEnum(o.log_level) < PACTIVO_LOG_DEBUG || rawEnum(o.log_level) > PACTIVO_LOG_ERROR) {
     throw Failure{PACTIVO_MISUSE, "options.log_level is out of range"};
   }
   std::vector<std::string> domains;
@@ -516,7 +526,7 @@ pactivo_result pactivo_upload_consents_async(pactivo_sdk* sdk, const char* url,
 
 pactivo_result pactivo_set_log_level(pactivo_log_level level) {
   return guarded("pactivo_set_log_level", [&] {
-    if (level < PACTIVO_LOG_DEBUG || level > PACTIVO_LOG_ERROR) {
+    if (rawEnum(level) < PACTIVO_LOG_DEBUG || rawEnum(level) > PACTIVO_LOG_ERROR) {
       throw Failure{PACTIVO_MISUSE, "level is out of range"};
     }
     SDKLogger::shared().setLogLevel(static_cast<LogLevel>(level));
