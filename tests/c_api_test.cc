@@ -8,6 +8,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sdk/default_urls.h"
@@ -289,6 +290,24 @@ TEST_F(CApiTest, ADestroyedHandleIsRecognised) {
   ASSERT_EQ(pactivo_sdk_shared(&again), PACTIVO_OK);
   EXPECT_EQ(shared, again);
   EXPECT_EQ(pactivo_sdk_destroy(shared), PACTIVO_MISUSE);
+
+  // Destroyed while another thread is inside a call on it.
+  pactivo_sdk* busy = nullptr;
+  ASSERT_EQ(pactivo_sdk_new(&busy), PACTIVO_OK);
+  std::atomic<bool> stop{false};
+  std::atomic<int> unexpected{0};
+  std::thread caller([&] {
+    pactivo_status s;
+    while (!stop) {
+      pactivo_result r = pactivo_get_status(busy, &s);
+      if (r != PACTIVO_OK && r != PACTIVO_DESTROYED) ++unexpected;
+    }
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(pactivo_sdk_destroy(busy), PACTIVO_OK);
+  stop = true;
+  caller.join();
+  EXPECT_EQ(unexpected, 0);
 }
 
 struct Sink {

@@ -179,9 +179,10 @@ PACTIVO_C_API pactivo_result pactivo_sdk_new(pactivo_sdk** out_sdk);
 /* The process-wide instance; it lives until the program exits, and
  * destroying it is PACTIVO_MISUSE. */
 PACTIVO_C_API pactivo_result pactivo_sdk_shared(pactivo_sdk** out_sdk);
-/* Cancels the instance's work, joins its threads and frees it. NULL is fine;
- * a handle already destroyed gives PACTIVO_DESTROYED; from one of the
- * library's callbacks, PACTIVO_BUSY. */
+/* Cancels the instance's work, joins its threads and frees it, after any
+ * call another thread is making on it has returned. NULL is fine; a handle
+ * already destroyed gives PACTIVO_DESTROYED (until a new instance happens to
+ * get the same address); from one of the library's callbacks, PACTIVO_BUSY. */
 PACTIVO_C_API pactivo_result pactivo_sdk_destroy(pactivo_sdk* sdk);
 
 /* Records the options and starts loading the configuration in the

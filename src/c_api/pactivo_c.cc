@@ -11,6 +11,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 #include <type_traits>
 
 #include "c_api/c_platform.h"
@@ -37,9 +38,8 @@ struct Failure {
   std::string message;
 };
 
-// The live handles. A call holds its instance through the shared pointer, so
-// destroying a handle while another thread uses it waits for nothing and
-// frees the instance when that call returns.
+// The live handles. A call holds its instance through the shared pointer
+// while it runs, so that destroying the handle meanwhile waits for the call.
 std::mutex g_registryMutex;
 std::map<pactivo_sdk*, std::shared_ptr<pactivo_sdk>>& registry() {
   static auto* handles = new std::map<pactivo_sdk*, std::shared_ptr<pactivo_sdk>>;
@@ -293,8 +293,9 @@ pactivo_result pactivo_sdk_destroy(pactivo_sdk* sdk) {
       handle = std::move(it->second);
       registry().erase(it);
     }
-    // Joins the instance's threads here, outside the registry's lock, unless
-    // another thread is still inside a call on it.
+    // A call another thread is still making on the instance finishes first:
+    // the instance must be torn down here, never on a thread it would join.
+    while (handle.use_count() > 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     handle.reset();
   });
 }
