@@ -17,19 +17,19 @@ def main() -> int:
     app_url = sys.argv[2] if len(sys.argv) > 2 else cdn_url
     pactivo.install_platform(application_name="python-host")
     with pactivo.SDK() as sdk:
-        sdk.is_ready(lambda status: print("readiness:", status.name))
+        sdk.is_ready(lambda status: print(f"readiness: {status.name}"))
         sdk.setup(app_url, cdn_url, "demo-tenant", "demo-app", language_code="en",
                   location_code="DE")
         if not sdk.wait_ready(timeout=70):
-            print("no configuration:", sdk.status.name)
+            print(f"no configuration: {sdk.status.name}")
             return 0
         for purpose in sdk.purposes():
-            print(purpose.purpose_id, purpose.consent_status.value)
+            print(f"{purpose.purpose_id} {purpose.consent_status.value}")
         try:
             sdk.set(2, pactivo.Consent.GRANTED)
-            print("purpose 2:", sdk.get(2).value)
+            print(f"purpose 2: {sdk.get(2).value}")
         except pactivo.PactivoError as error:
-            print("not recorded:", error)
+            print(f"not recorded: {error}")
     return 0
 
 
