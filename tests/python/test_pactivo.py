@@ -87,6 +87,9 @@ def test_setup_reaches_available_with_purposes_in_order(server):
         sdk.is_ready(seen.append)
         purposes = sdk.purposes()
         assert sdk.status is Status.AVAILABLE
+        # A second setup keeps the status, so no change is ever delivered.
+        sdk.setup(server.url, server.url, "t", "a", language_code="en", location_code="DE")
+        assert sdk.wait_ready(timeout=5)
     assert seen == [Status.AVAILABLE]
     # Essential first, then the rest by name, as the library orders them.
     assert [p.purpose_id for p in purposes][0] == 1

@@ -274,14 +274,19 @@ class SDK:
         _guarded("readiness callback", callback, self.status)
 
     def remove_listeners(self) -> None:
+        """Stops the callbacks of is_ready(); wait_ready() keeps working."""
         with self._condition:
             self._listeners.clear()
 
     def wait_ready(self, timeout: Optional[float] = None) -> bool:
-        """Waits until the last setup has settled; True when available."""
+        """Waits until the instance is available or the last setup has
+        failed; True when available."""
         with self._condition:
-            self._condition.wait_for(lambda: self._settled, timeout)
-            return self._settled and self._status == Status.AVAILABLE
+            # A status is delivered only when it changes, so an instance that
+            # stays available through a second setup never reports again.
+            self._condition.wait_for(
+                lambda: self._settled or self._status == Status.AVAILABLE, timeout)
+            return self._status == Status.AVAILABLE
 
     @property
     def status(self) -> Status:
