@@ -7,6 +7,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -69,9 +70,6 @@ class CApiTest : public ::testing::Test {
     ASSERT_EQ(pactivo_setup(sdk_, &options_), PACTIVO_OK) << pactivo_errmsg();
     pactivo_status status = PACTIVO_STATUS_UNAVAILABLE;
     ASSERT_TRUE(eventually([&] {
-      char* json = nullptr;
-      pactivo_get_purpose_consents(sdk_, &json);
-      pactivo_free(json);
       return pactivo_get_status(sdk_, &status) == PACTIVO_OK && status == PACTIVO_STATUS_AVAILABLE;
     })) << log_.text();
     // A check waits for the work setup started (the defaults it records).
@@ -223,6 +221,51 @@ TEST_F(CApiTest, UploadReachesTheServerAsGiven) {
   ASSERT_TRUE(received.ok()) << received.error;
   EXPECT_EQ(received.value->uuid, "u-1");
   EXPECT_EQ(received.value->purposeConsents.at(0).purposeID, 2);
+}
+
+void onSignals(const char* json, void* user_data) {
+  auto* signals = static_cast<std::pair<std::mutex, std::string>*>(user_data);
+  std::lock_guard lock(signals->first);
+  signals->second = json;
+}
+
+TEST_F(CApiTest, TheHostsPlatformReachesUploadsAndConsentMode) {
+  // Background work of the instance may still signal after this body ends.
+  static std::pair<std::mutex, std::string> signals;
+  signals.second.clear();
+  const char* languages[] = {"de-DE"};
+  const char* info[] = {"NSCameraUsageDescription", "Video calls"};
+  pactivo_platform platform = PACTIVO_PLATFORM_INIT;
+  platform.data_directory = data_.c_str();
+  platform.device_name = "Living room TV";
+  platform.preferred_languages = languages;
+  platform.preferred_language_count = 1;
+  platform.advertising_identifier = "6D92078A-8246-4BA4-AE5B-76104861E7DC";
+  platform.tracking_status = 3;
+  platform.info_dictionary = info;
+  platform.info_dictionary_count = 1;
+  platform.consent_mode = onSignals;
+  platform.user_data = &signals;
+  ASSERT_EQ(pactivo_install_platform(&platform), PACTIVO_OK);
+  setupToAvailable();
+  ASSERT_GE(app_.requestCount(), 1u);
+  const auto upload = decode<PostConsentsRequest>(app_.requests()[0].body);
+  ASSERT_TRUE(upload.ok()) << upload.error;
+  EXPECT_EQ(upload.value->device, "Living room TV");
+  EXPECT_EQ(upload.value->adId, "6D92078A-8246-4BA4-AE5B-76104861E7DC");
+
+  ASSERT_EQ(pactivo_set_purpose_consent(sdk_, 2, "granted"), PACTIVO_OK);
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard lock(signals.first);
+    return !signals.second.empty();
+  }));
+  std::lock_guard lock(signals.first);
+  // One JSON object of the four signals, each granted or denied.
+  const std::string signal =
+      "\"(ad_personalization|ad_storage|ad_user_data|analytics_storage)\":\"(granted|denied)\"";
+  EXPECT_TRUE(
+      std::regex_match(signals.second, std::regex("\\{(" + signal + ",){3}" + signal + "\\}")))
+      << signals.second;
 }
 
 TEST_F(CApiTest, BadArgumentsGiveResultCodesAndALogLine) {
