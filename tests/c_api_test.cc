@@ -8,6 +8,7 @@
 #include <functional>
 #include <mutex>
 #include <regex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -118,6 +119,15 @@ TEST_F(CApiTest, ReadinessReachesAvailableAndItsCallbackMayReenter) {
   EXPECT_EQ(readiness.reentered,
             (std::vector<pactivo_result>{PACTIVO_BUSY, PACTIVO_BUSY, PACTIVO_OK}));
   EXPECT_EQ(pactivo_remove_listeners(sdk_), PACTIVO_OK);
+}
+
+// A C++ host may hand over a function that throws through its C signature.
+void throwingReady(pactivo_status, void*) { throw std::runtime_error("host bug"); }
+
+TEST_F(CApiTest, AThrowingHostCallbackIsLoggedNotFatal) {
+  EXPECT_EQ(pactivo_is_ready(sdk_, throwingReady, nullptr), PACTIVO_OK);
+  EXPECT_TRUE(log_.contains("threw: host bug")) << log_.text();
+  setupToAvailable();  // later calls on library threads end the same way
 }
 
 TEST_F(CApiTest, QueriesAnswerWithTheDocumentsKeys) {

@@ -30,8 +30,7 @@ LinuxPlatform::Settings settingsOf(const pactivo_platform& platform) {
         json += jsonQuote(key) + ':' + jsonQuote(value);
       }
       json += '}';
-      CallbackScope scope;
-      callback(json.c_str(), userData);
+      callHost("consent mode callback", [&] { callback(json.c_str(), userData); });
     };
   }
   return settings;
@@ -95,8 +94,8 @@ int CPlatform::trackingAuthorizationStatus() const { return trackingStatus_; }
 
 std::optional<int> CPlatform::probe(pactivo_facility facility) const {
   if (!permissionStatus_) return std::nullopt;
-  CallbackScope scope;
-  int status = permissionStatus_(facility, userData_);
+  int status = -1;
+  callHost("permission callback", [&] { status = permissionStatus_(facility, userData_); });
   if (status < 0) return std::nullopt;
   return status;
 }

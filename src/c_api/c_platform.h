@@ -3,6 +3,7 @@
 #ifndef PACTIVO_C_API_C_PLATFORM_H_
 #define PACTIVO_C_API_C_PLATFORM_H_
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,6 +24,11 @@ class CallbackScope {
   CallbackScope& operator=(const CallbackScope&) = delete;
   static bool active();
 };
+
+// Runs a host callback inside a CallbackScope. A C++ host's function may
+// throw through its C signature; that stops here and is logged. False when
+// it threw.
+bool callHost(const char* what, const std::function<void()>& call);
 
 // `text` as a JSON string literal, quotes included.
 std::string jsonQuote(std::string_view text);

@@ -183,8 +183,8 @@ template <typename Produce>
 void deliver(pactivo_json_callback callback, void* userData, Produce&& produce) {
   std::string json;
   pactivo_result result = guarded("callback", [&] { json = produce(); });
-  CallbackScope scope;
-  callback(result, result == PACTIVO_OK ? json.c_str() : nullptr, userData);
+  callHost("query callback",
+           [&] { callback(result, result == PACTIVO_OK ? json.c_str() : nullptr, userData); });
 }
 
 ConsentSDKOptions optionsOf(const pactivo_options& given) {
@@ -214,6 +214,19 @@ ConsentSDKOptions optionsOf(const pactivo_options& given) {
 }
 
 }  // namespace
+
+bool callHost(const char* what, const std::function<void()>& call) {
+  CallbackScope scope;
+  try {
+    call();
+    return true;
+  } catch (const std::exception& error) {
+    SDKLogger::shared().log(std::string("threw: ") + error.what(), LogLevel::error, what);
+  } catch (...) {
+    SDKLogger::shared().log("threw", LogLevel::error, what);
+  }
+  return false;
+}
 
 CallbackScope::CallbackScope() { ++t_callbackDepth; }
 CallbackScope::~CallbackScope() { --t_callbackDepth; }
@@ -314,8 +327,8 @@ pactivo_result pactivo_is_ready(pactivo_sdk* sdk, pactivo_status_callback callba
     auto handle = live(sdk);
     require(reinterpret_cast<const void*>(callback), "callback");
     handle->sdk->isReady([callback, user_data](SDKStatus status) {
-      CallbackScope scope;
-      callback(static_cast<pactivo_status>(status), user_data);
+      callHost("readiness callback",
+               [&] { callback(static_cast<pactivo_status>(status), user_data); });
     });
   });
 }
@@ -519,8 +532,7 @@ pactivo_result pactivo_upload_consents_async(pactivo_sdk* sdk, const char* url,
     auto request = decodeArgument<PostConsentsRequest>(request_json, "request_json");
     require(reinterpret_cast<const void*>(callback), "callback");
     handle->sdk->uploadConsents(target, request, [callback, user_data] {
-      CallbackScope scope;
-      callback(PACTIVO_OK, user_data);
+      callHost("upload callback", [&] { callback(PACTIVO_OK, user_data); });
     });
   });
 }
@@ -551,8 +563,8 @@ pactivo_result pactivo_set_log_sink(pactivo_log_callback callback, void* user_da
       if (t_inSink) return;
       t_inSink = true;
       std::string copy(text);
-      CallbackScope scope;
-      callback(copy.c_str(), user_data);
+      // What a throwing sink logs comes back here and is dropped.
+      callHost("log sink", [&] { callback(copy.c_str(), user_data); });
       t_inSink = false;
     });
   });
