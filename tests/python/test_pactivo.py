@@ -162,6 +162,25 @@ def test_a_collected_sdk_joins_its_threads(server):
     assert threads() <= before
 
 
+def test_an_sdk_dropped_inside_its_own_callback(server):
+    before = threads()
+    holder = {"sdk": pactivo.SDK()}
+    dropped = threading.Event()
+
+    def drop(status: Status) -> None:
+        if status is Status.AVAILABLE and holder.pop("sdk", None):
+            dropped.set()  # the last reference now goes on the library's thread
+
+    holder["sdk"].is_ready(drop)
+    holder["sdk"].setup(server.url, server.url, "t", "a", location_code="DE")
+    assert dropped.wait(20)
+    gc.collect()
+    deadline = time.monotonic() + 10
+    while threads() > before and time.monotonic() < deadline:
+        time.sleep(0.05)
+    assert threads() <= before
+
+
 def test_log_level_and_sink():
     lines: list[str] = []
     pactivo.set_log_level(pactivo.LogLevel.ERROR)
