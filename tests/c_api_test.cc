@@ -144,7 +144,10 @@ TEST_F(CApiTest, QueriesAnswerWithTheDocumentsKeys) {
   EXPECT_EQ(count(take(json), "\"permission_id\":\"NS"),
             exampleConfiguration().permissions->size());
   ASSERT_EQ(pactivo_get_banner_config(sdk_, nullptr, &json), PACTIVO_OK);
-  EXPECT_NE(take(json).find("\"compliance_type\":"), std::string::npos);
+  const std::string banner = take(json);
+  EXPECT_NE(banner.find("\"compliance_type\":"), std::string::npos);
+  ASSERT_EQ(pactivo_get_banner_config(sdk_, exampleDocument().c_str(), &json), PACTIVO_OK);
+  EXPECT_EQ(take(json), banner);  // the same document given by the host
   ASSERT_EQ(pactivo_get_gcm_consents(sdk_, &json), PACTIVO_OK);
   EXPECT_EQ(take(json).rfind("{\"analytics_storage\":\"", 0), 0u);
   ASSERT_EQ(pactivo_get_settings_prompt(sdk_, &json), PACTIVO_OK);
@@ -227,6 +230,14 @@ TEST_F(CApiTest, UploadReachesTheServerAsGiven) {
       {PurposeConsent(2, ConsentStatus::granted, 1700000000, false)}, {}, false, "", "DE"));
   ASSERT_EQ(pactivo_upload_consents(sdk_, appUrl_.c_str(), request.c_str()), PACTIVO_OK);
   ASSERT_EQ(app_.requestCount(), 1u);
+  std::atomic<int> done{-1};
+  auto onDone = [](pactivo_result result, void* user_data) {
+    static_cast<std::atomic<int>*>(user_data)->store(result);
+  };
+  ASSERT_EQ(pactivo_upload_consents_async(sdk_, appUrl_.c_str(), request.c_str(), onDone, &done),
+            PACTIVO_OK);
+  ASSERT_TRUE(eventually([&] { return done == PACTIVO_OK; }));
+  ASSERT_EQ(app_.requestCount(), 2u);
   auto received = decode<PostConsentsRequest>(app_.requests()[0].body);
   ASSERT_TRUE(received.ok()) << received.error;
   EXPECT_EQ(received.value->uuid, "u-1");
