@@ -21,3 +21,10 @@ install(FILES ${PROJECT_BINARY_DIR}/PactivoConfig.cmake
 
 configure_file(cmake/pactivo.pc.in ${PROJECT_BINARY_DIR}/pactivo.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/pactivo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The Python package, beside the shared library it loads: with
+# PYTHONPATH=<prefix>/<libdir>/python, `import pactivo` finds <libdir>/libpactivo.so.0.
+if(BUILD_SHARED_LIBS)
+  install(DIRECTORY bindings/python/pactivo DESTINATION ${CMAKE_INSTALL_LIBDIR}/python
+    FILES_MATCHING PATTERN "*.py")
+endif()

@@ -7,7 +7,7 @@ PACKAGES=(
   build-essential cmake pkg-config clang clang-format libclang-rt-14-dev
   libsqlite3-dev uuid-dev libcurl4-openssl-dev libssl-dev openssl python3 libsimdjson-dev rapidjson-dev
   libicu-dev libcpp-httplib-dev nginx-light iproute2
-  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev python3-pytest abigail-tools
 )
 
 missing=()

@@ -26,3 +26,24 @@ run(pkg-config --cflags --libs pactivo)
 if(NOT LAST_OUTPUT MATCHES "-lpactivo")
   message(FATAL_ERROR "pkg-config gave: ${LAST_OUTPUT}")
 endif()
+
+# A shared install also serves hosts that are not C++: the C example built
+# from the installed header and library alone, and the Python package
+# imported from beside the library.
+if(EXISTS ${PREFIX}/lib/libpactivo.so)
+  find_program(CC NAMES cc gcc clang REQUIRED)
+  run(${CC} -std=c99 -Wall -Wextra -Wpedantic -Werror -I${PREFIX}/include
+      ${SOURCE_DIR}/examples/c_host.c -o ${WORK_DIR}/c_host -L${PREFIX}/lib -lpactivo
+      -Wl,-rpath,${PREFIX}/lib)
+  run(${WORK_DIR}/c_host)
+  if(NOT LAST_OUTPUT MATCHES "readiness: 1")
+    message(FATAL_ERROR "unexpected C host output: ${LAST_OUTPUT}")
+  endif()
+  unset(ENV{PACTIVO_LIBRARY})
+  set(ENV{PYTHONPATH} ${PREFIX}/lib/python)
+  find_program(PYTHON NAMES python3 REQUIRED)
+  run(${PYTHON} ${SOURCE_DIR}/examples/python_host.py)
+  if(NOT LAST_OUTPUT MATCHES "no configuration: UNAVAILABLE")
+    message(FATAL_ERROR "unexpected Python host output: ${LAST_OUTPUT}")
+  endif()
+endif()
