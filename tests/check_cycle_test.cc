@@ -381,6 +381,7 @@ TEST_F(CheckCycleTest, DocumentQueries) {
   EXPECT_TRUE(sdk_->set(camera, S::granted));
   EXPECT_EQ(sdk_->get(LumariKey::cameraUsageDescription), S::granted);
 
+  impl_.waitUntilIdle();  // the choices' consent-mode updates write too: last writer wins
   sdk_->removeConsents();
   EXPECT_TRUE(UserDefaultManager::allEntries().empty());
 }
