@@ -218,6 +218,8 @@ TEST_F(CApiTest, SetAndGetThroughRawTexts) {
   EXPECT_EQ(pactivo_set_permission_consent(sdk_, "NSFaceIDUsageDescription", "granted"),
             PACTIVO_NOT_FOUND);
 
+  // A check waits for the choices' own background work, which writes too.
+  ASSERT_EQ(pactivo_check_consents(sdk_), PACTIVO_OK);
   ASSERT_EQ(pactivo_remove_consents(sdk_), PACTIVO_OK);
   ASSERT_EQ(pactivo_get_purpose_consent(sdk_, 2, &consent), PACTIVO_OK);
   // The compliance type goes with them, so the default is no longer opt-in's.
@@ -287,6 +289,33 @@ TEST_F(CApiTest, TheHostsPlatformReachesUploadsAndConsentMode) {
   EXPECT_TRUE(
       std::regex_match(signals.second, std::regex("\\{(" + signal + ",){3}" + signal + "\\}")))
       << signals.second;
+}
+
+TEST_F(CApiTest, AnOperatorsNetworkIsTheHostsToDescribe) {
+  // Through a proxy that refuses, the document cannot be had; a host built
+  // before these members existed passes a smaller struct and keeps the
+  // defaults, whatever lies beyond it.
+  for (bool described : {true, false}) {
+    SCOPED_TRACE(described ? "described" : "older host");
+    pactivo_platform platform = PACTIVO_PLATFORM_INIT;
+    if (!described) platform.size = offsetof(pactivo_platform, ca_file);
+    platform.data_directory = data_.c_str();
+    platform.proxy = "http://127.0.0.1:9";
+    platform.client_certificate = "/nonexistent/client.pem";
+    ASSERT_EQ(pactivo_install_platform(&platform), PACTIVO_OK);
+    pactivo_sdk* sdk = nullptr;
+    ASSERT_EQ(pactivo_sdk_new(&sdk), PACTIVO_OK);
+    log_.clear();
+    cdn_.clearRequests();
+    ASSERT_EQ(pactivo_setup(sdk, &options_), PACTIVO_OK);
+    ASSERT_EQ(pactivo_check_consents(sdk), PACTIVO_OK);  // waits for setup's work
+    pactivo_status status;
+    ASSERT_EQ(pactivo_get_status(sdk, &status), PACTIVO_OK);
+    EXPECT_EQ(status, described ? PACTIVO_STATUS_UNAVAILABLE : PACTIVO_STATUS_AVAILABLE);
+    EXPECT_EQ(cdn_.requestCount() > 0, !described);
+    EXPECT_EQ(log_.contains("/nonexistent/client.pem"), described) << log_.text();
+    pactivo_sdk_destroy(sdk);
+  }
 }
 
 TEST_F(CApiTest, BadArgumentsGiveResultCodesAndALogLine) {

@@ -146,10 +146,20 @@ typedef struct pactivo_platform {
   pactivo_permission_callback permission_status; /* NULL: every facility absent */
   pactivo_consent_mode_callback consent_mode;    /* NULL: Firebase, when loaded */
   void* user_data;                               /* passed to both callbacks */
+  /* An operator's network (files are PEM; a problem with one is logged once
+   * at setup). Verification of the servers is never switched off. */
+  const char* ca_file;            /* replaces the system's CAs; NULL: $SSL_CERT_FILE or theirs */
+  const char* ca_directory;       /* hashed CA directory, likewise; NULL: $SSL_CERT_DIR */
+  const char* client_certificate; /* for servers that require one (mutual TLS) */
+  const char* client_key;         /* its key, not encrypted */
+  const char* proxy;              /* wins over http_proxy, https_proxy and no_proxy */
 } pactivo_platform;
 
-#define PACTIVO_PLATFORM_INIT \
-  { sizeof(pactivo_platform), NULL, NULL, NULL, NULL, 0, NULL, 0, NULL, 0, NULL, NULL, NULL }
+#define PACTIVO_PLATFORM_INIT                                                                      \
+  {                                                                                                \
+    sizeof(pactivo_platform), NULL, NULL, NULL, NULL, 0, NULL, 0, NULL, 0, NULL, NULL, NULL, NULL, \
+        NULL, NULL, NULL, NULL                                                                     \
+  }
 
 typedef void (*pactivo_status_callback)(pactivo_status status, void* user_data);
 /* `json` is NULL unless result is PACTIVO_OK. */

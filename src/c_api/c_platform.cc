@@ -14,6 +14,9 @@ LinuxPlatform::Settings settingsOf(const pactivo_platform& platform) {
   LinuxPlatform::Settings settings;
   settings.applicationName = text(platform.application_name);
   settings.dataDirectory = text(platform.data_directory);
+  settings.network = NetworkSettings{text(platform.ca_file), text(platform.ca_directory),
+                                     text(platform.client_certificate), text(platform.client_key),
+                                     text(platform.proxy)};
   if (platform.info_dictionary) {
     for (std::size_t i = 0; i < platform.info_dictionary_count; ++i) {
       settings.infoDictionary.emplace_back(text(platform.info_dictionary[2 * i]),

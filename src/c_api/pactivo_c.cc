@@ -588,6 +588,11 @@ pactivo_result pactivo_install_platform(const pactivo_platform* platform) {
     check(copy->application_name, "platform.application_name");
     check(copy->device_name, "platform.device_name");
     check(copy->advertising_identifier, "platform.advertising_identifier");
+    check(copy->ca_file, "platform.ca_file");
+    check(copy->ca_directory, "platform.ca_directory");
+    check(copy->client_certificate, "platform.client_certificate");
+    check(copy->client_key, "platform.client_key");
+    check(copy->proxy, "platform.proxy");
     if (copy->preferred_language_count > 0) require(copy->preferred_languages, "languages");
     for (std::size_t i = 0; i < copy->preferred_language_count; ++i) {
       textArgument(copy->preferred_languages[i], "platform.preferred_languages[]");

@@ -122,6 +122,15 @@ def test_permissions_come_from_the_python_callback(server):
         assert by_key["NSCameraUsageDescription"].consent_status is Consent.DECLINED
 
 
+def test_a_proxy_the_host_names_carries_every_request(server, tmp_path):
+    # A proxy that refuses: the document cannot be had through it.
+    pactivo.install_platform(data_directory=str(tmp_path), proxy="http://127.0.0.1:9")
+    with pactivo.SDK() as sdk:
+        sdk.setup(server.url, server.url, "t", "a", language_code="en", location_code="DE")
+        sdk.check_consents()
+        assert sdk.status is Status.UNAVAILABLE
+
+
 def test_the_server_receives_the_upload(server):
     request = {"uuid": "u-1", "app_uuid": "a-1", "device": "tv", "implicit_consent": False,
                "version": 3, "purpose_consents": [{"purpose_id": 2, "consent_status": "granted",

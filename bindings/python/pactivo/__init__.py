@@ -383,8 +383,15 @@ def install_platform(*, data_directory: Optional[str] = None,
                      advertising_identifier: Optional[str] = None, tracking_status: int = 0,
                      info_dictionary: Optional[Mapping[str, str]] = None,
                      permission_status: Optional[Callable[[Facility], Optional[int]]] = None,
-                     consent_mode: Optional[Callable[[dict[str, str]], None]] = None) -> None:
-    """Describes the host system to the library; call it before setup."""
+                     consent_mode: Optional[Callable[[dict[str, str]], None]] = None,
+                     ca_file: Optional[str] = None, ca_directory: Optional[str] = None,
+                     client_certificate: Optional[str] = None, client_key: Optional[str] = None,
+                     proxy: Optional[str] = None) -> None:
+    """Describes the host system to the library; call it before setup.
+
+    The last five describe an operator's network: a CA bundle or directory
+    that replaces the system's, a client certificate and key (PEM) for
+    servers that require one, and a proxy that wins over the environment."""
     languages = (ctypes.c_char_p * max(len(preferred_languages), 1))(
         *[_text(x) for x in preferred_languages])
     pairs = [_text(x) for item in (info_dictionary or {}).items() for x in item]
@@ -394,6 +401,11 @@ def install_platform(*, data_directory: Optional[str] = None,
         ctypes.sizeof(_native.Platform), _text(data_directory), _text(application_name),
         _text(device_name), languages, len(preferred_languages), _text(advertising_identifier),
         tracking_status, dictionary, len(pairs) // 2)
+    platform.ca_file = _text(ca_file)
+    platform.ca_directory = _text(ca_directory)
+    platform.client_certificate = _text(client_certificate)
+    platform.client_key = _text(client_key)
+    platform.proxy = _text(proxy)
     if permission_status is not None:
         def probe(facility: int, _: Any) -> int:
             status = _guarded("permission callback", permission_status, Facility(facility))

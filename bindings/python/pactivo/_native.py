@@ -55,6 +55,11 @@ class Platform(ctypes.Structure):
         ("permission_status", PERMISSION_CALLBACK),
         ("consent_mode", CONSENT_MODE_CALLBACK),
         ("user_data", c_void_p),
+        ("ca_file", c_char_p),
+        ("ca_directory", c_char_p),
+        ("client_certificate", c_char_p),
+        ("client_key", c_char_p),
+        ("proxy", c_char_p),
     ]
 
 
