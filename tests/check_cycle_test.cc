@@ -96,15 +96,25 @@ TEST_F(CheckCycleTest, UploadResponses) {
        "uploadConsents(url:request:) - Failed with Status (500)"},
       {"refused", 0, "", true, false, "[ERROR] [consent_sdk_public_methods.cc"},
   };
-  PostConsentsRequest request("u", "a", "d", false, 3, {}, {}, false, "", "opt-in");
+  // Purpose 5 goes out granted; purpose 6 changed while the upload was on its
+  // way, so it stays pending whatever the answer.
+  PostConsentsRequest request(
+      "u", "a", "d", false, 3,
+      {PurposeConsent(5, S::granted, 1, false), PurposeConsent(6, S::granted, 1, false)}, {}, false,
+      "", "opt-in");
+  UserDefaultManager::setPurposeConsent("5", S::granted);
+  UserDefaultManager::setPurposeConsent("6", S::declined);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     app_.respond(c.httpStatus, c.body);
     UserDefaultManager::addPendingPurpose(5);
+    UserDefaultManager::addPendingPurpose(6);
     log_.clear();
     impl_.uploadConsents(c.httpStatus ? app_.baseUrl() : "http://127.0.0.1:9/", request);
     EXPECT_EQ(UserDefaultManager::getBool(keys::kUploadConsentRequestPending), c.pendingAfter);
-    EXPECT_EQ(UserDefaultManager::getPendingPurposes().empty(), c.listsCleared);
+    const std::vector<std::int64_t> left =
+        c.listsCleared ? std::vector<std::int64_t>{6} : std::vector<std::int64_t>{5, 6};
+    EXPECT_EQ(UserDefaultManager::getPendingPurposes(), left);
     EXPECT_TRUE(log_.contains(c.log)) << log_.text();
     EXPECT_EQ(log_.contains("[ERROR]"), c.pendingAfter);
     EXPECT_TRUE(eventually([&] { return clock_->sleepers() == 1; }));  // one live timer

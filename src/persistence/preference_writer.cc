@@ -96,6 +96,29 @@ void PreferenceWriter::addPendingPermission(const LumariKey& key) {
       withElement(transaction_.find(keys::kPendingPermissionsList), std::string(key.rawValue())));
 }
 
+void PreferenceWriter::removeReported(const std::vector<PurposeConsent>& purposes,
+                                      const std::vector<PermissionConsent>& permissions) {
+  std::vector<PreferenceArrayElement> purposesLeft;
+  for (std::int64_t id : integerList(transaction_.find(keys::kPendingPurposesList))) {
+    const auto reported = std::find_if(purposes.begin(), purposes.end(),
+                                       [&](const PurposeConsent& c) { return c.purposeID == id; });
+    if (reported == purposes.end() || getConsent(std::to_string(id)) != reported->consentStatus) {
+      purposesLeft.emplace_back(id);
+    }
+  }
+  std::vector<PreferenceArrayElement> permissionsLeft;
+  for (std::string& key : textList(transaction_.find(keys::kPendingPermissionsList))) {
+    const auto reported =
+        std::find_if(permissions.begin(), permissions.end(),
+                     [&](const PermissionConsent& c) { return c.permission.rawValue() == key; });
+    if (reported == permissions.end() || getConsent(key) != reported->consentStatus) {
+      permissionsLeft.emplace_back(std::move(key));
+    }
+  }
+  transaction_.put(keys::kPendingPurposesList, std::move(purposesLeft));
+  transaction_.put(keys::kPendingPermissionsList, std::move(permissionsLeft));
+}
+
 bool updatePreferences(std::string_view what, const std::function<bool(PreferenceWriter&)>& body) {
   std::shared_ptr<PreferenceStore> store = currentStore();
   if (!store) return false;

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "pactivo/consent_records.h"
 #include "pactivo/enums.h"
 #include "pactivo/lumari_key.h"
 #include "persistence/preference_store.h"
@@ -43,6 +44,11 @@ class PreferenceWriter {
   void setConsent(std::string_view key, ConsentStatus status);
   void addPendingPurpose(std::int64_t purposeId);
   void addPendingPermission(const LumariKey& key);
+  // Takes off the pending lists what `reported` says was uploaded: an entry
+  // whose stored consent is still the one uploaded. A choice made while the
+  // upload was on its way stays pending, to be reported next.
+  void removeReported(const std::vector<PurposeConsent>& purposes,
+                      const std::vector<PermissionConsent>& permissions);
 
  private:
   PreferenceStore::Transaction& transaction_;

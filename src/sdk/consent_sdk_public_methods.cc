@@ -5,6 +5,7 @@
 #include "pactivo/platform.h"
 #include "pactivo/user_default_manager.h"
 #include "permissions/permission_manager.h"
+#include "persistence/preference_writer.h"
 #include "platform/time.h"
 #include "purposes/purpose_manager.h"
 #include "sdk/consent_sdk_impl.h"
@@ -235,8 +236,12 @@ void ConsentSDK::Impl::uploadConsents(const std::string& url, const PostConsents
         failed && response.message.empty() ? "Failed to Upload Consents" : response.message;
     SDKLogger::shared().log(message, failed ? LogLevel::error : LogLevel::info, kFunction);
     if (response.status == 0) {
-      UserDefaultManager::clearPendingPurposes();
-      UserDefaultManager::clearPendingPermissions();
+      // Only what this upload carried: a choice made while it was on its
+      // way is still to be reported.
+      detail::updatePreferences("pending lists", [&](detail::PreferenceWriter& writer) {
+        writer.removeReported(request.purposeConsents, request.permissions);
+        return true;
+      });
       startRecurringConsentCheck();
     }
     return;
