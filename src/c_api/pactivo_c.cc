@@ -91,19 +91,8 @@ ConsentStatus consentArgument(const char* consent) {
   return *status;
 }
 
-const char* consentText(ConsentStatus status) {
-  switch (status) {
-    case ConsentStatus::granted:
-      return "granted";
-    case ConsentStatus::declined:
-      return "declined";
-    case ConsentStatus::notDetermined:
-      return "not_determined";
-    case ConsentStatus::withDrawn:
-      return "withdrawn";
-  }
-  return "not_determined";
-}
+// The raw texts are string literals: static and NUL-terminated.
+const char* consentText(ConsentStatus status) { return rawValue(status).data(); }
 
 // A C caller may pass any int where an enum is declared; reading it as the
 // C++ enum would be undefined, so its bytes are read as the underlying integer.
