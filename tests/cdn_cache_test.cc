@@ -39,9 +39,6 @@ class CdnCacheTest : public testing::SdkTest {
     auto document = impl_.getCDNFile();
     return document ? document->version.value_or(1) : 0;
   }
-  bool cacheDiscarded() const {
-    return !std::filesystem::exists(cacheFile()) && !UserDefaultManager::getETag();
-  }
 };
 
 TEST_F(CdnCacheTest, FirstLaunchFetchesSavesAndApplies) {
@@ -344,7 +341,7 @@ TEST_F(CdnCacheTest, SetupReconcilesModeAndLanguage) {
     std::ofstream(cacheFile()) << "{}";
     UserDefaultManager::setETag("\"v1\"");
     setup({.language = c.language, .testing = c.testing, .cdnUrl = kRefused});
-    EXPECT_EQ(cacheDiscarded(), c.discarded);
+    EXPECT_EQ(!std::filesystem::exists(cacheFile()) && !UserDefaultManager::getETag(), c.discarded);
     EXPECT_EQ(UserDefaultManager::getString(keys::kLastModeUsed, ""), c.testing ? "draft" : "live");
     EXPECT_FALSE(UserDefaultManager::getBool(keys::kIsBannerPresent));
   }
