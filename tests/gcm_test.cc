@@ -9,7 +9,11 @@ namespace {
 
 using Ids = std::vector<std::int64_t>;
 using Helper = GoogleConsentModeHelper;
-constexpr auto G = ConsentStatus::granted, D = ConsentStatus::declined;
+using Statuses = std::map<GoogleConsentType, ConsentStatus>;
+using enum GoogleConsentType;
+constexpr auto G = ConsentStatus::granted, D = ConsentStatus::declined,
+               W = ConsentStatus::withDrawn, N = ConsentStatus::notDetermined;
+constexpr auto kOptIn = ComplianceType::optIn, kOptOut = ComplianceType::optOut;
 
 DefaultMapping mapping(std::optional<Ids> analytics, std::optional<Ids> ad = Ids{},
                        std::optional<Ids> personalization = std::nullopt) {
@@ -56,9 +60,7 @@ TEST_F(GcmTest, RegionSelectionForTheHandOff) {
   UserDefaultManager::setPurposeConsent("2", G);
   UserDefaultManager::setPurposeConsent("100", D);
   for (auto [location, analytics] : {std::pair{"US", G}, {"CA", D}, {"XX#US", G}}) {
-    EXPECT_EQ(Helper::consentStatuses(gcm, location),
-              (std::map<GoogleConsentType, ConsentStatus>{
-                  {GoogleConsentType::analyticsStorage, analytics}}))
+    EXPECT_EQ(Helper::consentStatuses(gcm, location), (Statuses{{analyticsStorage, analytics}}))
         << location;
   }
 }
@@ -71,16 +73,12 @@ TEST_F(GcmTest, DecisionFromStoredConsents) {
     bool analytics;        // purposes 1 and 2
     bool personalization;  // purpose 1
   } cases[] = {
-      {"opt-out, nothing stored", ComplianceType::optOut, {}, true, true},
-      {"opt-out, one withdrawn",
-       ComplianceType::optOut,
-       {{"2", ConsentStatus::withDrawn}},
-       false,
-       true},
-      {"opt-in, nothing stored", ComplianceType::optIn, {}, false, false},
-      {"opt-in, all granted", ComplianceType::optIn, {{"1", G}, {"2", G}}, true, true},
-      {"notice-only, one not determined", {}, {{"1", ConsentStatus::notDetermined}}, false, false},
-      {"opt-in, one granted one missing", ComplianceType::optIn, {{"1", G}}, false, true},
+      {"opt-out, nothing stored", kOptOut, {}, true, true},
+      {"opt-out, one withdrawn", kOptOut, {{"2", W}}, false, true},
+      {"opt-in, nothing stored", kOptIn, {}, false, false},
+      {"opt-in, all granted", kOptIn, {{"1", G}, {"2", G}}, true, true},
+      {"notice-only, one not determined", {}, {{"1", N}}, false, false},
+      {"opt-in, one granted one missing", kOptIn, {{"1", G}}, false, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -91,19 +89,18 @@ TEST_F(GcmTest, DecisionFromStoredConsents) {
     gcm.defaultMapping = mapping(Ids{1, 2}, Ids{}, Ids{1});
     // Empty and absent lists deny in the hand-off and are left out of the query.
     EXPECT_EQ(Helper::consentMap(*gcm.defaultMapping),
-              (Helper::ConsentMap{{GoogleConsentType::analyticsStorage, c.analytics},
-                                  {GoogleConsentType::adStorage, false},
-                                  {GoogleConsentType::adUserData, false},
-                                  {GoogleConsentType::adPersonalization, c.personalization}}));
+              (Helper::ConsentMap{{analyticsStorage, c.analytics},
+                                  {adStorage, false},
+                                  {adUserData, false},
+                                  {adPersonalization, c.personalization}}));
     EXPECT_EQ(Helper::consentStatuses(gcm, ""),
-              (std::map<GoogleConsentType, ConsentStatus>{
-                  {GoogleConsentType::analyticsStorage, c.analytics ? G : D},
-                  {GoogleConsentType::adPersonalization, c.personalization ? G : D}}));
+              (Statuses{{analyticsStorage, c.analytics ? G : D},
+                        {adPersonalization, c.personalization ? G : D}}));
   }
 }
 
 TEST_F(GcmTest, HandOffOnlyWhenEnabledAndComplete) {
-  UserDefaultManager::setComplianceType(ComplianceType::optOut);
+  UserDefaultManager::setComplianceType(kOptOut);
   MainConfiguration document;
   document.isGcmEnabled = true;
   document.purposes = std::vector<Purpose>{};
@@ -144,15 +141,13 @@ TEST_F(GcmTest, HandOffOnlyWhenEnabledAndComplete) {
                                                               {"ad_personalization", "denied"}}));
   Helper::updateFirebaseConsent(nullptr, "US");
   EXPECT_EQ(payloads_.size(), 1u);
-}
-
-TEST(GcmWithoutFirebase, NotFoundIsOneDebugLine) {
-  testing::ScopedPlatform scoped;
-  testing::LogCapture log;
-  Helper::setFirebaseConsent({{GoogleConsentType::adStorage, true}});
-  EXPECT_TRUE(log.contains("[DEBUG]"));
+  // Without a handler of the host's, Firebase is looked for in the process.
+  scoped_.platform().setConsentModeHandler(nullptr);
+  log_.clear();
+  Helper::setFirebaseConsent({{adStorage, true}});
+  EXPECT_EQ(log_.count("[DEBUG]"), 1u);
   EXPECT_TRUE(
-      log.contains("setFirebaseConsent(consentMap:) - Firebase Analytics not found in project"));
+      log_.contains("setFirebaseConsent(consentMap:) - Firebase Analytics not found in project"));
 }
 
 }  // namespace

@@ -86,6 +86,13 @@ TEST_F(PermissionProbeTest, EveryCodeOfEveryQueriedRow) {
                         K::fromRawValue("com.example.Custom")}) {
     EXPECT_EQ(probe(key), 'n') << key.rawValue();
   }
+  // A probe that throws is logged and reads as not determined.
+  scoped_.platform().setProbeFailure("camera service crashed");
+  EXPECT_EQ(probe(K::cameraUsageDescription), 'n');
+  EXPECT_TRUE(log_.contains("[ERROR] [permission_probe.cc:"));
+  EXPECT_TRUE(
+      log_.contains("getConsentByPermission(lumiriKey:) - Something went wrong while "
+                    "fetching the permission status: camera service crashed"));
 }
 
 TEST_F(PermissionProbeTest, DeclaredKeysReadTheInformationDictionary) {
@@ -110,16 +117,6 @@ TEST_F(PermissionProbeTest, DeclaredKeysReadTheInformationDictionary) {
   }
 }
 
-TEST_F(PermissionProbeTest, FailingProbeIsLoggedAndNotDetermined) {
-  answer("cameraAuthorizationStatus", 3);
-  scoped_.platform().setProbeFailure("camera service crashed");
-  EXPECT_EQ(probe(K::cameraUsageDescription), 'n');
-  EXPECT_TRUE(log_.contains("[ERROR] [permission_probe.cc:"));
-  EXPECT_TRUE(
-      log_.contains("getConsentByPermission(lumiriKey:) - Something went wrong while "
-                    "fetching the permission status: camera service crashed"));
-}
-
 AppPermission permission(LumariKey key, std::string name = "", std::optional<bool> prompt = {}) {
   AppPermission p;
   p.permissionId = key;
@@ -127,16 +124,6 @@ AppPermission permission(LumariKey key, std::string name = "", std::optional<boo
   p.isSettingsPromptEnabled = prompt;
   return p;
 }
-
-struct PermissionList {
-  std::optional<std::vector<AppPermission>> list;
-};
-class OwnedPermissionManager : private PermissionList, public PermissionManager {
- public:
-  OwnedPermissionManager(std::optional<std::vector<AppPermission>> permissions,
-                         const std::optional<SettingsPrompt>& prompt = std::nullopt)
-      : PermissionList{std::move(permissions)}, PermissionManager(list, prompt) {}
-};
 
 using PermissionManagerTest = PermissionProbeTest;
 
@@ -163,8 +150,8 @@ TEST_F(PermissionManagerTest, CheckFollowsThePlatform) {
     if (c.stored) UDM::setPermissionConsent(K::cameraUsageDescription, *c.stored);
     if (c.pending) UDM::addPendingPermission(K::cameraUsageDescription);
     answer("cameraAuthorizationStatus", c.camera);
-    OwnedPermissionManager manager(
-        std::vector{permission(K::cameraUsageDescription), AppPermission{}});
+    const std::optional list = std::vector{permission(K::cameraUsageDescription), AppPermission{}};
+    PermissionManager manager(list, std::nullopt);
     log_.clear();
     auto result = manager.checkPermissions();
     EXPECT_EQ(result.changed, c.reported);
@@ -183,7 +170,8 @@ TEST_F(PermissionManagerTest, CheckFollowsThePlatform) {
   }
   // A key no probe answers is reported once something else was stored.
   LumariKey custom = K::fromRawValue("com.example.Scanner");
-  OwnedPermissionManager manager(std::vector{permission(custom)});
+  const std::optional list = std::vector{permission(custom)};
+  PermissionManager manager(list, std::nullopt);
   EXPECT_FALSE(manager.checkPermissions().changed);
   UDM::setPermissionConsent(custom, G);
   EXPECT_TRUE(manager.checkPermissions().changed);
@@ -192,7 +180,8 @@ TEST_F(PermissionManagerTest, CheckFollowsThePlatform) {
 
 TEST_F(PermissionManagerTest, UpdateOnlyRecordsWhatThePlatformReports) {
   answer("cameraAuthorizationStatus", 2);
-  OwnedPermissionManager manager(std::nullopt);
+  const std::optional<std::vector<AppPermission>> none;
+  PermissionManager manager(none, std::nullopt);
   AppPermission camera = permission(K::cameraUsageDescription);
   EXPECT_FALSE(manager.updatePermissionConsent(camera, G, kConsentExplicit));
   EXPECT_FALSE(manager.updatePermissionConsent(AppPermission{}, D, kConsentExplicit));
@@ -207,10 +196,11 @@ TEST_F(PermissionManagerTest, UpdateOnlyRecordsWhatThePlatformReports) {
 }
 
 TEST_F(PermissionManagerTest, SettingsPromptFlagsAndOrder) {
-  std::vector<AppPermission> all{permission(K::cameraUsageDescription, "Camera", true),
-                                 permission(K::microphoneUsageDescription, "camera", true),
-                                 permission(K::localNetworkUsageDescription, "Audio 10"),
-                                 permission(K::siriUsageDescription, "audio 9"), AppPermission{}};
+  const std::optional all =
+      std::vector{permission(K::cameraUsageDescription, "Camera", true),
+                  permission(K::microphoneUsageDescription, "camera", true),
+                  permission(K::localNetworkUsageDescription, "Audio 10"),
+                  permission(K::siriUsageDescription, "audio 9"), AppPermission{}};
   SettingsPrompt prompt;
   prompt.permissions = std::map<std::string, bool>{{"NSCameraUsageDescription", true},
                                                    {"NSLocalNetworkUsageDescription", false}};
@@ -224,7 +214,7 @@ TEST_F(PermissionManagerTest, SettingsPromptFlagsAndOrder) {
                {std::nullopt, "Sir:- Loc:- Cam:1 Mic:1 "}};
   for (const auto& c : cases) {
     std::string seen;
-    for (const AppPermission& p : OwnedPermissionManager(all, c.prompt).getPermissions()) {
+    for (const AppPermission& p : PermissionManager(all, c.prompt).getPermissions()) {
       seen += std::string(p.permissionId->rawValue()).substr(2, 3) + ":" +
               (p.isSettingsPromptEnabled ? (*p.isSettingsPromptEnabled ? "1 " : "0 ") : "- ");
       EXPECT_EQ(p.consentStatus, N);

@@ -148,17 +148,14 @@ TEST_F(PurposeManagerTest, TrackingMapping) {
 
 TEST_F(PurposeManagerTest, TrackingMappingNeedsEverySwitch) {
   scoped_.platform().setTrackingAuthorizationStatus(kAuthorized);
-  struct Case {
-    std::optional<bool> enabled;
-    std::optional<ATTConfig> config;
-  } cases[] = {{kNone, att({1})},
-               {false, att({1})},
-               {true, kNone},
-               {true, ATTConfig{true, kNone, kNone}},
-               {true, att({2})}};
-  for (const auto& c : cases) {
-    EXPECT_FALSE(
-        OwnedPurposeManager({purpose(1)}, c.enabled, c.config).getPurposes()[0].isATTMapped);
+  const std::pair<std::optional<bool>, std::optional<ATTConfig>> cases[] = {
+      {kNone, att({1})},
+      {false, att({1})},
+      {true, kNone},
+      {true, ATTConfig{true, kNone, kNone}},
+      {true, att({2})}};
+  for (const auto& [enabled, config] : cases) {
+    EXPECT_FALSE(OwnedPurposeManager({purpose(1)}, enabled, config).getPurposes()[0].isATTMapped);
   }
   EXPECT_FALSE(
       OwnedPurposeManager({purpose(1)}, true, att({1}, false)).getPurposes()[0].attDescription);
@@ -212,15 +209,16 @@ TEST_F(PurposeManagerTest, DisplayOrder) {
   for (const auto& [name, essential] : rows) {
     purposes.push_back(purpose(static_cast<std::int64_t>(purposes.size() + 1), essential, name));
   }
-  std::vector<std::int64_t> ids;
-  for (const Purpose& p : OwnedPurposeManager(purposes).getPurposes()) ids.push_back(*p.purposeId);
-  EXPECT_EQ(ids, (std::vector<std::int64_t>{7, 6, 8, 5, 10, 4, 3, 2, 1, 9}));
+  auto order = [](PurposeManager&& manager) {
+    std::vector<std::int64_t> ids;
+    for (const Purpose& p : manager.getPurposes()) ids.push_back(*p.purposeId);
+    return ids;
+  };
+  EXPECT_EQ(order(OwnedPurposeManager(purposes)),
+            (std::vector<std::int64_t>{7, 6, 8, 5, 10, 4, 3, 2, 1, 9}));
   // An essential purpose mapped to tracking stays with the essential ones.
-  ids.clear();
-  for (const Purpose& p : OwnedPurposeManager(purposes, true, att({6, 3})).getPurposes()) {
-    ids.push_back(*p.purposeId);
-  }
-  EXPECT_EQ(ids, (std::vector<std::int64_t>{7, 6, 3, 8, 5, 10, 4, 2, 1, 9}));
+  EXPECT_EQ(order(OwnedPurposeManager(purposes, true, att({6, 3}))),
+            (std::vector<std::int64_t>{7, 6, 3, 8, 5, 10, 4, 2, 1, 9}));
 }
 
 TEST_F(PurposeManagerTest, ACheckReportsEachChangeOnce) {
@@ -234,38 +232,16 @@ TEST_F(PurposeManagerTest, ACheckReportsEachChangeOnce) {
 }
 
 TEST(PersistedKeysTest, TextsAreTheStoredFormat) {
-  std::string all;
-  for (std::string_view key : {keys::kSubjectId,
-                               keys::kConsentGivenType,
-                               keys::kArePurposesChanged,
-                               keys::kPurposesChangeTimestamp,
-                               keys::kArePermissionsChanged,
-                               keys::kPermissionsChangeTimestamp,
-                               keys::kPendingPurposesList,
-                               keys::kPendingPermissionsList,
-                               keys::kUploadConsentRequestPending,
-                               keys::kCurrentComplianceType,
-                               keys::kBannerInterval,
-                               keys::kIsBannerPresent,
-                               keys::kLastModeUsed,
-                               keys::kLanguageCode,
-                               keys::kCdnCachedTimestamp,
-                               keys::kCdnFileLocation,
-                               keys::kEtag,
-                               keys::kXAuthToken,
-                               keys::kSdkVersion,
-                               keys::kIsAttEnabled,
-                               keys::kIsSettingsPromptEnabled,
-                               keys::kCurrentLocation,
-                               keys::kCurrentCountryCode,
-                               keys::kCurrentLocationTimestamp,
-                               kConsentNoAction,
-                               kConsentExplicit,
-                               kConsentImplicit,
-                               kPreferenceSuiteName}) {
-    all += std::string(key) + " ";
-  }
-  EXPECT_EQ(all,
+  using namespace keys;
+  auto joined = [](auto... texts) { return ((std::string(texts) + " ") + ...); };
+  EXPECT_EQ(joined(kSubjectId, kConsentGivenType, kArePurposesChanged, kPurposesChangeTimestamp,
+                   kArePermissionsChanged, kPermissionsChangeTimestamp, kPendingPurposesList,
+                   kPendingPermissionsList, kUploadConsentRequestPending, kCurrentComplianceType,
+                   kBannerInterval, kIsBannerPresent, kLastModeUsed, kLanguageCode,
+                   kCdnCachedTimestamp, kCdnFileLocation, kEtag, kXAuthToken, kSdkVersion,
+                   kIsAttEnabled, kIsSettingsPromptEnabled, kCurrentLocation, kCurrentCountryCode,
+                   kCurrentLocationTimestamp, kConsentNoAction, kConsentExplicit, kConsentImplicit,
+                   kPreferenceSuiteName),
             "SUBJECT_ID CONSENT_GIVEN_TYPE ARE_PURPOSES_CHANGED PURPOSES_CHANGE_TIMESTAMP "
             "ARE_PERMISSIONS_CHANGED PERMISSIONS_CHANGE_TIMESTAMP PENDING_PURPOSES_LIST "
             "PENDING_PERMISSIONS_LIST UPLOAD_CONSENT_REQUEST_PENDING CURRENT_COMPLIANCE_TYPE "

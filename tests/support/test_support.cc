@@ -36,54 +36,21 @@ TempDir::~TempDir() {
 FakePlatform::FakePlatform(std::filesystem::path dataDirectory)
     : dataDirectory_(std::move(dataDirectory)), pathChannel_(std::make_shared<PathChannel>()) {}
 
-std::optional<std::string> FakePlatform::infoDictionaryString(const std::string& key) const {
-  std::lock_guard lock(mutex_);
-  auto it = info_.find(key);
-  return it == info_.end() ? std::nullopt : std::optional(it->second);
-}
-
 void FakePlatform::runOnMainThread(const std::function<void()>& work) {
   ++mainThreadCalls_;
   work();
 }
 
-std::string FakePlatform::localizedString(const std::string& key, const std::string&) const {
-  std::lock_guard lock(mutex_);
-  auto it = translations_.find(key);
-  return it == translations_.end() ? key : it->second;
-}
-
-std::chrono::system_clock::time_point FakePlatform::now() const {
-  return std::chrono::system_clock::time_point(std::chrono::seconds(now_.load()));
-}
-
 std::optional<int> FakePlatform::probe(const std::string& name) const {
-  std::lock_guard lock(mutex_);
-  if (!probeFailure_.empty()) throw std::runtime_error(probeFailure_);
-  auto it = probes_.find(name);
-  return it == probes_.end() ? std::nullopt : it->second;
+  if (std::string failure = get(probeFailure_); !failure.empty()) {
+    throw std::runtime_error(failure);
+  }
+  return find(probes_, name).value_or(std::nullopt);
 }
-
-#define PACTIVO_FAKE_PROBE(name) \
-  std::optional<int> FakePlatform::name() const { return probe(#name); }
-PACTIVO_FAKE_PROBE(locationAuthorizationStatus)
-PACTIVO_FAKE_PROBE(cameraAuthorizationStatus)
-PACTIVO_FAKE_PROBE(microphoneAuthorizationStatus)
-PACTIVO_FAKE_PROBE(photoLibraryAuthorizationStatus)
-PACTIVO_FAKE_PROBE(photoLibraryAddOnlyAuthorizationStatus)
-PACTIVO_FAKE_PROBE(siriAuthorizationStatus)
-PACTIVO_FAKE_PROBE(healthDataAvailability)
-PACTIVO_FAKE_PROBE(bluetoothAuthorization)
-PACTIVO_FAKE_PROBE(speechRecognitionAuthorizationStatus)
-PACTIVO_FAKE_PROBE(homeKitAuthorizationStatus)
-#undef PACTIVO_FAKE_PROBE
 
 void FakePlatform::requestNotificationAuthorizationStatus(
     std::function<void(int)> completion) const {
-  std::unique_lock lock(mutex_);
-  const std::optional<int> status = notificationStatus_;
-  const bool immediate = notificationImmediate_;
-  lock.unlock();
+  const auto [status, immediate] = get(notification_);
   if (!status) return;
   if (immediate) return completion(*status);
   std::thread([completion = std::move(completion), value = *status] {
@@ -93,12 +60,8 @@ void FakePlatform::requestNotificationAuthorizationStatus(
 }
 
 bool FakePlatform::standardPreferenceBool(const std::string& key) const {
-  {
-    std::lock_guard lock(mutex_);
-    auto it = standardPreferences_.find(key);
-    if (it != standardPreferences_.end()) return it->second;
-  }
-  return Platform::standardPreferenceBool(key);
+  const std::optional<bool> set = find(standardPreferences_, key);
+  return set ? *set : Platform::standardPreferenceBool(key);
 }
 
 // What the facade's monitor and the test share: the handler of the monitor
@@ -136,7 +99,6 @@ class ScriptedPathMonitor : public NetworkPathMonitor {
 }  // namespace
 
 std::unique_ptr<NetworkPathMonitor> FakePlatform::makeNetworkPathMonitor() const {
-  ++monitorsMade_;
   return std::make_unique<ScriptedPathMonitor>(pathChannel_);
 }
 
@@ -147,28 +109,6 @@ bool FakePlatform::reportPath(NetworkPathStatus status) {
   if (!pathChannel_->handler) return false;
   pathChannel_->handler(status);
   return true;
-}
-
-void FakePlatform::setProbe(const std::string& name, std::optional<int> value) {
-  std::lock_guard lock(mutex_);
-  probes_[name] = value;
-}
-void FakePlatform::setNotificationStatus(std::optional<int> status, bool immediate) {
-  std::lock_guard lock(mutex_);
-  notificationStatus_ = status;
-  notificationImmediate_ = immediate;
-}
-void FakePlatform::setStandardPreference(std::string key, bool value) {
-  std::lock_guard lock(mutex_);
-  standardPreferences_[std::move(key)] = value;
-}
-void FakePlatform::setInfo(std::string key, std::string value) {
-  std::lock_guard lock(mutex_);
-  info_[std::move(key)] = std::move(value);
-}
-void FakePlatform::setTranslation(std::string key, std::string text) {
-  std::lock_guard lock(mutex_);
-  translations_[std::move(key)] = std::move(text);
 }
 
 ManualClock::TimePoint ManualClock::now() {

@@ -43,25 +43,34 @@ class FakePlatform : public Platform {
 
   std::filesystem::path applicationSupportDirectory() const override { return dataDirectory_; }
   std::vector<std::string> preferredLanguages() const override { return get(languages_); }
-  std::string deviceName() const override { return get(deviceName_); }
+  std::string deviceName() const override { return "Test Device"; }
   std::string advertisingIdentifier() const override { return get(advertisingIdentifier_); }
   int trackingAuthorizationStatus() const override { return get(trackingStatus_); }
-  std::optional<std::string> infoDictionaryString(const std::string& key) const override;
+  std::optional<std::string> infoDictionaryString(const std::string& key) const override {
+    return find(info_, key);
+  }
   std::optional<std::string> libraryVersion() const override { return get(libraryVersion_); }
   void runOnMainThread(const std::function<void()>& work) override;
-  std::string localizedString(const std::string& key, const std::string& comment) const override;
-  std::chrono::system_clock::time_point now() const override;
-
-  std::optional<int> locationAuthorizationStatus() const override;
-  std::optional<int> cameraAuthorizationStatus() const override;
-  std::optional<int> microphoneAuthorizationStatus() const override;
-  std::optional<int> photoLibraryAuthorizationStatus() const override;
-  std::optional<int> photoLibraryAddOnlyAuthorizationStatus() const override;
-  std::optional<int> siriAuthorizationStatus() const override;
-  std::optional<int> healthDataAvailability() const override;
-  std::optional<int> bluetoothAuthorization() const override;
-  std::optional<int> speechRecognitionAuthorizationStatus() const override;
-  std::optional<int> homeKitAuthorizationStatus() const override;
+  std::string localizedString(const std::string& key, const std::string&) const override {
+    return find(translations_, key).value_or(key);
+  }
+  std::chrono::system_clock::time_point now() const override {
+    return std::chrono::system_clock::time_point(std::chrono::seconds(now_.load()));
+  }
+  // Each probe answers what setProbe() gave under its name.
+#define PACTIVO_FAKE_PROBE(name) \
+  std::optional<int> name() const override { return probe(#name); }
+  PACTIVO_FAKE_PROBE(locationAuthorizationStatus)
+  PACTIVO_FAKE_PROBE(cameraAuthorizationStatus)
+  PACTIVO_FAKE_PROBE(microphoneAuthorizationStatus)
+  PACTIVO_FAKE_PROBE(photoLibraryAuthorizationStatus)
+  PACTIVO_FAKE_PROBE(photoLibraryAddOnlyAuthorizationStatus)
+  PACTIVO_FAKE_PROBE(siriAuthorizationStatus)
+  PACTIVO_FAKE_PROBE(healthDataAvailability)
+  PACTIVO_FAKE_PROBE(bluetoothAuthorization)
+  PACTIVO_FAKE_PROBE(speechRecognitionAuthorizationStatus)
+  PACTIVO_FAKE_PROBE(homeKitAuthorizationStatus)
+#undef PACTIVO_FAKE_PROBE
   void requestNotificationAuthorizationStatus(std::function<void(int)> completion) const override;
   bool standardPreferenceBool(const std::string& key) const override;
   ConsentModeHandler consentModeHandler() const override { return get(consentModeHandler_); }
@@ -73,27 +82,29 @@ class FakePlatform : public Platform {
   // Delivers `status` to the handler of the live monitor, if any; returns
   // whether one was listening.
   bool reportPath(NetworkPathStatus status);
-  int monitorsMade() const { return monitorsMade_.load(); }
 
   struct PathChannel;
 
   // The answer of the probe named like its method ("cameraAuthorizationStatus");
   // nullopt (the default) reports the facility as absent.
-  void setProbe(const std::string& name, std::optional<int> value);
+  void setProbe(const std::string& name, std::optional<int> v) { put(probes_, name, v); }
   // Makes every probe throw std::runtime_error(message); empty stops it.
   void setProbeFailure(std::string message) { set(probeFailure_, std::move(message)); }
   // The notification probe's answer, given to the completion before the
   // request returns when `immediate`, else on another thread later.
-  void setNotificationStatus(std::optional<int> status, bool immediate);
-  void setStandardPreference(std::string key, bool value);
+  void setNotificationStatus(std::optional<int> status, bool immediate) {
+    set(notification_, std::pair(status, immediate));
+  }
+  void setStandardPreference(std::string key, bool v) { put(standardPreferences_, key, v); }
   void setConsentModeHandler(ConsentModeHandler h) { set(consentModeHandler_, std::move(h)); }
   void setPreferredLanguages(std::vector<std::string> v) { set(languages_, std::move(v)); }
-  void setDeviceName(std::string name) { set(deviceName_, std::move(name)); }
   void setAdvertisingIdentifier(std::string id) { set(advertisingIdentifier_, std::move(id)); }
   void setTrackingAuthorizationStatus(int status) { set(trackingStatus_, status); }
-  void setInfo(std::string key, std::string value);
+  void setInfo(std::string key, std::string value) { put(info_, key, std::move(value)); }
   void setLibraryVersion(std::optional<std::string> v) { set(libraryVersion_, std::move(v)); }
-  void setTranslation(std::string key, std::string text);
+  void setTranslation(std::string key, std::string text) {
+    put(translations_, key, std::move(text));
+  }
   void setNetworkSettings(NetworkSettings settings) { set(network_, std::move(settings)); }
   // Seconds since 1970.
   void setNow(std::int64_t seconds) { now_ = seconds; }
@@ -111,12 +122,22 @@ class FakePlatform : public Platform {
     std::lock_guard lock(mutex_);
     field = std::forward<V>(value);
   }
+  template <typename Map, typename V>
+  void put(Map& map, const std::string& key, V&& value) {
+    std::lock_guard lock(mutex_);
+    map[key] = std::forward<V>(value);
+  }
+  template <typename Map>
+  std::optional<typename Map::mapped_type> find(const Map& map, const std::string& key) const {
+    std::lock_guard lock(mutex_);
+    auto it = map.find(key);
+    return it == map.end() ? std::nullopt : std::optional(it->second);
+  }
   std::optional<int> probe(const std::string& name) const;
 
   const std::filesystem::path dataDirectory_;
   mutable std::mutex mutex_;
   std::vector<std::string> languages_{"en-US"};
-  std::string deviceName_ = "Test Device";
   std::string advertisingIdentifier_;
   int trackingStatus_ = 0;
   std::map<std::string, std::string> info_;
@@ -126,12 +147,10 @@ class FakePlatform : public Platform {
   std::atomic<int> mainThreadCalls_{0};
   std::map<std::string, std::optional<int>> probes_;
   std::string probeFailure_;
-  std::optional<int> notificationStatus_;
-  bool notificationImmediate_ = false;
+  std::pair<std::optional<int>, bool> notification_;  // status, immediate
   std::map<std::string, bool> standardPreferences_;
   ConsentModeHandler consentModeHandler_;
   NetworkSettings network_;
-  mutable std::atomic<int> monitorsMade_{0};
   std::shared_ptr<PathChannel> pathChannel_;
 };
 
