@@ -6,6 +6,7 @@
 #include <fstream>
 #include <thread>
 
+#include "pactivo/pactivo_c.h"
 #include "support/sdk_fixture.h"
 
 namespace pactivo {
@@ -83,11 +84,15 @@ TEST_F(ConsentObserverTest, EveryCommitOnceWithItsCause) {
   ASSERT_TRUE(sdk_->set(purpose(2), S::granted));
   ASSERT_TRUE(sdk_->set(purpose(2), S::granted));  // no change, no delivery
   UserDefaultManager::setPermissionConsent(LumariKey::cameraUsageDescription, S::granted);
+  // A later observer starts from what is stored now.
+  Deliveries late;
+  ConsentObservation second = late.observe(*sdk_);
+  ASSERT_TRUE(late.reach(1));
+  EXPECT_NE(late.lines()[0].find(R"({"purpose_id":2,"before":null,"after":"granted"})"),
+            std::string::npos);
   sdk_->removeConsents();
   ASSERT_TRUE(seen.reach(5));
-  std::this_thread::sleep_for(50ms);
   const auto lines = seen.lines();
-  ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[0], R"({"cause":"current_state","changes":[]})");
   EXPECT_EQ(
       lines[1].rfind(R"({"cause":"check_cycle","changes":[{"purpose_id":1,"before":null,)", 0), 0u);
@@ -100,11 +105,6 @@ TEST_F(ConsentObserverTest, EveryCommitOnceWithItsCause) {
   EXPECT_EQ(
       lines[4].rfind(R"({"cause":"removal","changes":[{"purpose_id":1,"before":"granted",)", 0),
       0u);
-  // A later observer starts from what is stored now.
-  Deliveries late;
-  ConsentObservation second = late.observe(*sdk_);
-  ASSERT_TRUE(late.reach(1));
-  EXPECT_EQ(late.lines()[0], R"({"cause":"current_state","changes":[]})");
 }
 
 TEST_F(ConsentObserverTest, CallbacksMayCallInCancelThemselvesAndThrow) {
@@ -185,6 +185,40 @@ TEST_F(ConsentObserverTest, AnotherProcessesChangesArriveOnceAndInOrder) {
   }
   close(seenPipe[0]);
   close(seenPipe[1]);
+}
+
+TEST_F(ConsentObserverTest, TheCInterfaceDeliversJsonUntilCancelled) {
+  setupThroughPrefill();
+  pactivo_sdk* sdk = nullptr;
+  ASSERT_EQ(pactivo_sdk_new(&sdk), PACTIVO_OK);
+  struct Seen {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+  } seen;
+  auto callback = [](const char* json, void* state) {
+    auto* s = static_cast<Seen*>(state);
+    std::lock_guard lock(s->mutex);
+    s->lines.emplace_back(json);
+  };
+  auto count = [&] {
+    std::lock_guard lock(seen.mutex);
+    return seen.lines.size();
+  };
+  pactivo_observation* observation = nullptr;
+  EXPECT_EQ(pactivo_observe_consents(sdk, nullptr, &seen, &observation), PACTIVO_MISUSE);
+  EXPECT_EQ(pactivo_observe_consents(nullptr, callback, &seen, &observation), PACTIVO_MISUSE);
+  ASSERT_EQ(pactivo_observe_consents(sdk, callback, &seen, &observation), PACTIVO_OK);
+  UserDefaultManager::setPurposeConsent("2", S::granted);
+  ASSERT_TRUE(eventually([&] { return count() == 2; }));
+  EXPECT_EQ(
+      seen.lines[1],
+      R"({"cause":"host","changes":[{"purpose_id":2,"before":"declined","after":"granted"}]})");
+  EXPECT_EQ(pactivo_observation_cancel(observation), PACTIVO_OK);
+  EXPECT_EQ(pactivo_observation_cancel(nullptr), PACTIVO_OK);
+  UserDefaultManager::setPurposeConsent("2", S::declined);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(count(), 2u);
+  EXPECT_EQ(pactivo_sdk_destroy(sdk), PACTIVO_OK);
 }
 
 }  // namespace
