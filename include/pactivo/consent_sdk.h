@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "pactivo/configuration.h"
+#include "pactivo/consent_changes.h"
 #include "pactivo/consent_records.h"
 #include "pactivo/enums.h"
 #include "pactivo/export.h"
@@ -114,6 +115,27 @@ class PACTIVO_EXPORT ConsentSDK {
   // Runs one consent check now, as the timer would, and waits until it and
   // the upload it starts (if anything changed or is pending) have finished.
   void checkConsents();
+
+  // ---- Consent changes ----
+
+  // Calls `callback` with every consent stored now (cause currentState), then
+  // once per commit that changes a stored purpose or permission consent:
+  // this process's (set(), the check cycle, a configuration reset,
+  // removeConsents()) or another process's on the same suite, noticed
+  // without polling. A write that leaves a value as it was delivers nothing;
+  // a commit of many changes (a prefill of 700 purposes) is one delivery.
+  //
+  // Threads: every delivery, to every observer, runs on one library thread
+  // ("pactivo-events", started by the first observation), in commit order,
+  // with no library lock held, so the callback may call any member, set()
+  // and observeConsents() included. A slow callback delays later deliveries,
+  // never a set(). An exception from it is logged at error and delivery goes
+  // on.
+  //
+  // Lifetime: delivery stops when the returned observation is cancelled or
+  // destroyed, or when this ConsentSDK is destroyed. An empty callback gives
+  // an empty observation.
+  ConsentObservation observeConsents(std::function<void(const ConsentChanges&)> callback);
 
   // The same queries, run on a library thread; `done` is called there.
   void getPurposeConsents(std::function<void(std::vector<Purpose>)> done);

@@ -15,6 +15,7 @@
 #define PACTIVO_PACTIVO_H_
 
 #include "pactivo/configuration.h"
+#include "pactivo/consent_changes.h"
 #include "pactivo/consent_records.h"
 #include "pactivo/consent_sdk.h"
 #include "pactivo/enums.h"

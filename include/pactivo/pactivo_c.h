@@ -287,6 +287,30 @@ PACTIVO_C_API pactivo_result pactivo_set_log_sink(pactivo_log_callback callback,
  * user_data must stay valid until another platform is installed. */
 PACTIVO_C_API pactivo_result pactivo_install_platform(const pactivo_platform* platform);
 
+/* ---- Consent changes ---- */
+
+typedef struct pactivo_observation pactivo_observation;
+/* `changes_json` is one delivery: {"cause":"host","changes":[{"purpose_id":2,
+ * "before":"declined","after":"granted"}]}; a permission's change carries
+ * "permission" (its key) instead of "purpose_id"; "before" or "after" is
+ * null when nothing was or is stored. Causes: "current_state", "host",
+ * "check_cycle", "configuration", "removal", "other_process". */
+typedef void (*pactivo_changes_callback)(const char* changes_json, void* user_data);
+
+/* Calls `callback` on a library thread with every consent stored now (cause
+ * "current_state"), then once per commit that changes a stored consent, in
+ * this process or another on the same suite, in commit order. The
+ * observation is the caller's until pactivo_observation_cancel(); it also
+ * ends when the instance is destroyed. */
+PACTIVO_C_API pactivo_result pactivo_observe_consents(pactivo_sdk* sdk,
+                                                      pactivo_changes_callback callback,
+                                                      void* user_data,
+                                                      pactivo_observation** out_observation);
+/* Stops delivery and frees the observation. On another thread, the callback
+ * is not running when it returns; from inside the callback, later deliveries
+ * stop. NULL is fine. */
+PACTIVO_C_API pactivo_result pactivo_observation_cancel(pactivo_observation* observation);
+
 #ifdef __cplusplus
 }
 #endif

@@ -593,3 +593,27 @@ pactivo_result pactivo_install_platform(const pactivo_platform* platform) {
     installPlatform(std::make_shared<CPlatform>(*copy));
   });
 }
+
+struct pactivo_observation {
+  ConsentObservation observation;
+};
+
+pactivo_result pactivo_observe_consents(pactivo_sdk* sdk, pactivo_changes_callback callback,
+                                        void* user_data, pactivo_observation** out_observation) {
+  return guarded("pactivo_observe_consents", [&] {
+    auto handle = live(sdk);
+    require(reinterpret_cast<const void*>(callback), "callback");
+    require(out_observation, "out_observation");
+    auto observation = std::make_unique<pactivo_observation>();
+    observation->observation =
+        handle->sdk->observeConsents([callback, user_data](const ConsentChanges& changes) {
+          const std::string json = encode(changes);
+          callHost("consent changes callback", [&] { callback(json.c_str(), user_data); });
+        });
+    *out_observation = observation.release();
+  });
+}
+
+pactivo_result pactivo_observation_cancel(pactivo_observation* observation) {
+  return guarded("pactivo_observation_cancel", [&] { delete observation; });
+}

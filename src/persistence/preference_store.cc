@@ -1,11 +1,13 @@
 #include "persistence/preference_store.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <cstdio>
@@ -312,6 +314,7 @@ void PreferenceStore::refreshIfChanged() {
   if (version != knownDataVersion_) {
     knownDataVersion_ = version;
     loadAll();
+    publishConsentChanges(ConsentChangeCause::otherProcess, true);
   }
   confirmedHeader_ = header;
   headerConfirmed_ = walIndex_ != nullptr;
@@ -358,7 +361,61 @@ int PreferenceStore::writeRow(std::string_view key, const PreferenceValue* value
   } else {
     rows_.emplace(std::string(key), *value);
   }
+  if (ConsentFeed::shared().active()) writtenRows_.emplace_back(key);
   return SQLITE_OK;
+}
+
+void PreferenceStore::publishConsentChanges(ConsentChangeCause cause, bool everyRow) {
+  ConsentFeed& feed = ConsentFeed::shared();
+  if (!feed.active() || (!everyRow && writtenRows_.empty())) {
+    writtenRows_.clear();
+    return;
+  }
+  ConsentFeed::Consents now;
+  auto add = [&](const std::string& key, const PreferenceValue& value) {
+    if (auto consent = consentOfRow(key, value)) now.insert_or_assign(key, *consent);
+  };
+  if (everyRow) {
+    for (const auto& [key, value] : rows_) add(key, value);
+  } else {
+    for (const std::string& key : writtenRows_) {
+      if (auto row = rows_.find(key); row != rows_.end()) add(key, row->second);
+    }
+  }
+  feed.publish(cause, everyRow ? nullptr : &writtenRows_, now);
+  writtenRows_.clear();
+}
+
+void PreferenceStore::announceCommit() {
+  // Other processes watch the suite's directory for commits, but SQLite
+  // makes a commit visible through the mapped WAL index, which inotify does
+  // not see, after the WAL writes it does see. Touching the index once the
+  // commit is visible gives watchers an event they cannot act on too early.
+  if (walIndexFd_ >= 0) futimens(walIndexFd_, nullptr);
+}
+
+std::uint64_t PreferenceStore::observeConsents(ConsentFeed::Callback callback) {
+  std::lock_guard lock(mutex_);
+  refreshIfChanged();
+  ConsentFeed::Consents current;
+  for (const auto& [key, value] : rows_) {
+    if (auto consent = consentOfRow(key, value)) current.emplace(key, *consent);
+  }
+  return ConsentFeed::shared().add(std::move(callback), std::move(current), path_.parent_path(),
+                                   [] {
+                                     if (auto store = currentStore()) store->refresh();
+                                   });
+}
+
+void PreferenceStore::publishEveryConsent() {
+  std::lock_guard lock(mutex_);
+  refreshIfChanged();
+  publishConsentChanges(ConsentChangeCause::otherProcess, true);
+}
+
+void PreferenceStore::refresh() {
+  std::lock_guard lock(mutex_);
+  refreshIfChanged();
 }
 
 bool PreferenceStore::put(std::string_view key, PreferenceValue value, std::string* error) {
@@ -367,6 +424,8 @@ bool PreferenceStore::put(std::string_view key, PreferenceValue value, std::stri
   refreshIfChanged();
   int code = writeRow(key, &value);
   if (code != SQLITE_OK) *error = sqliteError(db_, code);
+  if (code == SQLITE_OK) announceCommit();
+  publishConsentChanges(currentConsentCause(), false);
   return code == SQLITE_OK;
 }
 
@@ -376,6 +435,8 @@ bool PreferenceStore::remove(std::string_view key, std::string* error) {
   refreshIfChanged();
   int code = writeRow(key, nullptr);
   if (code != SQLITE_OK) *error = sqliteError(db_, code);
+  if (code == SQLITE_OK) announceCommit();
+  publishConsentChanges(currentConsentCause(), false);
   return code == SQLITE_OK;
 }
 
@@ -408,12 +469,17 @@ bool PreferenceStore::update(const std::function<bool(Transaction&)>& body, std:
   code = transaction.failure_;
   if (wanted && code == SQLITE_OK) {
     code = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
-    if (code == SQLITE_OK) return true;
+    if (code == SQLITE_OK) {
+      announceCommit();
+      publishConsentChanges(currentConsentCause(), false);
+      return true;
+    }
   }
   if (code != SQLITE_OK) *error = sqliteError(db_, code);
   sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
   // The copy holds the abandoned writes: read it back from the file.
   loadAll();
+  writtenRows_.clear();
   return false;
 }
 
@@ -440,6 +506,8 @@ bool PreferenceStore::removeAll(std::string* error) {
     return false;
   }
   rows_.clear();
+  announceCommit();
+  publishConsentChanges(currentConsentCause(), true);
   return true;
 }
 
@@ -462,10 +530,26 @@ struct StoreRegistry {
   bool failed = false;                     // guarded by mutex: opening failed
 };
 
+StoreRegistry& registry();
+
+// A fork waits until no thread is opening or closing the suite, so the child
+// inherits the registry unlocked. The child opens a suite of its own: no
+// SQLite connection may be used across a fork, so the parent's is left alone.
+void beforeFork() { registry().mutex.lock(); }
+void afterForkInParent() { registry().mutex.unlock(); }
+void afterForkInChild() {
+  StoreRegistry& r = registry();
+  new std::shared_ptr<PreferenceStore>(std::move(r.store));  // never closed here
+  r.mutex.unlock();
+}
+
 StoreRegistry& registry() {
   // Never destroyed: the store may be used from threads that outlive static
   // destruction (a host's detached threads, our own teardown at exit).
-  static auto* instance = new StoreRegistry;
+  static auto* instance = [] {
+    pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+    return new StoreRegistry;
+  }();
   return *instance;
 }
 
@@ -476,9 +560,11 @@ std::shared_ptr<PreferenceStore> currentStore() {
   std::filesystem::path movedAside;
   std::string failure;
   std::shared_ptr<PreferenceStore> store;
+  bool opened = false;
   {
     std::lock_guard lock(r.mutex);
     if (!r.store && !r.failed) {
+      opened = true;
       auto result = PreferenceStore::open(currentPlatform()->applicationSupportDirectory());
       r.failed = !result.store;
       r.store = std::move(result.store);
@@ -498,6 +584,7 @@ std::shared_ptr<PreferenceStore> currentStore() {
                                 " and created a new one",
                             LogLevel::error, "currentStore()");
   }
+  if (opened && store && ConsentFeed::shared().active()) store->publishEveryConsent();
   return store;
 }
 

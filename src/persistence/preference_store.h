@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "pactivo/user_default_manager.h"
+#include "runtime/consent_feed.h"
 
 namespace pactivo::detail {
 
@@ -93,6 +94,17 @@ class PreferenceStore {
 
   const std::filesystem::path& path() const { return path_; }
 
+  // Registers `callback` with the process's consent feed. Its first delivery
+  // holds every consent stored now; from then on, every commit that changes
+  // a consent is published to the feed, this process's and others'.
+  std::uint64_t observeConsents(ConsentFeed::Callback callback);
+  // Publishes what other processes committed since the last look.
+  void refresh();
+  // Publishes every consent that differs from what the feed last published:
+  // for a store opened while observers wait, after another process may have
+  // changed the suite.
+  void publishEveryConsent();
+
   // Runs "PRAGMA <statement>" on this store's connection and returns the
   // first column of its first row, if any: the settings in force here
   // ("synchronous") or a per-connection limit ("max_page_count=10").
@@ -121,6 +133,11 @@ class PreferenceStore {
   int writeRow(std::string_view key, const PreferenceValue* value);
   int64_t dataVersion();
   void mapWalIndex();
+  // Publishes the consents that changed since the last publication: among
+  // the rows written since (`everyRow` false) or among all rows.
+  void publishConsentChanges(ConsentChangeCause cause, bool everyRow);
+  // Tells other processes' watchers that a commit is now visible.
+  void announceCommit();
 
   sqlite3* const db_;
   const std::filesystem::path path_;
@@ -148,6 +165,9 @@ class PreferenceStore {
   std::array<unsigned char, kWalIndexHeaderSize> confirmedHeader_{};
   bool headerConfirmed_ = false;
   Rows rows_;
+  // While the feed has observers: the rows written since the last
+  // publication.
+  std::vector<std::string> writtenRows_;
 };
 
 // The suite of the current platform, opened on first use; null when it cannot

@@ -6,6 +6,7 @@
 #include "pactivo/logger.h"
 #include "pactivo/user_default_manager.h"
 #include "persistence/preference_store.h"
+#include "runtime/consent_feed.h"
 #include "sdk/consent_sdk_impl.h"
 #include "sdk/options_rules.h"
 
@@ -50,7 +51,32 @@ ConsentSDK::Impl::~Impl() {
   // A testing run leaves no consents behind: removed only once nothing is
   // left that could write again (a cancelled upload marks itself pending).
   std::optional<ConsentSDKOptions> options = this->options();
-  if (options && options->testingMode) UserDefaultManager::removeAllConsents();
+  if (options && options->testingMode) {
+    detail::ConsentCauseScope cause(ConsentChangeCause::removal);
+    UserDefaultManager::removeAllConsents();
+  }
+  // Observations end with the facade they were made through.
+  std::vector<std::uint64_t> observations;
+  {
+    std::lock_guard lock(mutex_);
+    observations.swap(observations_);
+  }
+  for (std::uint64_t id : observations) detail::ConsentFeed::shared().cancel(id);
+}
+
+ConsentObservation ConsentSDK::Impl::observeConsents(
+    std::function<void(const ConsentChanges&)> callback) {
+  if (!callback) return {};
+  std::uint64_t id;
+  if (auto store = detail::currentStore()) {
+    id = store->observeConsents(std::move(callback));
+  } else {
+    // Nothing is stored, and nothing will be: the current state is empty.
+    id = detail::ConsentFeed::shared().add(std::move(callback), {}, {}, nullptr);
+  }
+  std::lock_guard lock(mutex_);
+  observations_.push_back(id);
+  return ConsentObservation(id);
 }
 
 std::optional<ConsentSDKOptions> ConsentSDK::Impl::options() const {

@@ -104,6 +104,7 @@ class ConsentSDK::Impl {
   // The host's location code when given and not empty, else the stored
   // country code.
   std::optional<std::string> gcmLocation() const;
+  ConsentObservation observeConsents(std::function<void(const ConsentChanges&)> callback);
   // Runs `work` on a library thread.
   void runInBackground(std::function<void()> work) { tasks_.start(std::move(work)); }
 
@@ -170,6 +171,9 @@ class ConsentSDK::Impl {
   // State below is guarded by mutex_.
   std::optional<ConsentSDKOptions> options_;
   SDKListener::Observation observer_;
+  // Every observation made through this facade, ended with it. One the host
+  // already cancelled is cancelled again harmlessly.
+  std::vector<std::uint64_t> observations_;
 
   // Declared last: destroyed first, so no task outlives the state it uses.
   detail::TaskRunner tasks_;

@@ -8,6 +8,7 @@
 #include "persistence/preference_writer.h"
 #include "platform/time.h"
 #include "purposes/purpose_manager.h"
+#include "runtime/consent_feed.h"
 #include "sdk/consent_sdk_impl.h"
 
 namespace pactivo {
@@ -145,6 +146,7 @@ void ConsentSDK::Impl::onNetworkPath(NetworkPathStatus status) {
 }
 
 void ConsentSDK::Impl::runConsentCheck() {
+  detail::ConsentCauseScope cause(ConsentChangeCause::checkCycle);
   std::shared_ptr<const MainConfiguration> document = getCDNFile();
   if (!document) return;
   detail::PermissionManager permissionManager(document->permissions, document->settingPrompt);
@@ -179,6 +181,9 @@ void ConsentSDK::Impl::runConsentCheck() {
 
 void ConsentSDK::Impl::prefillDefaultValues(const std::shared_ptr<const MainConfiguration>& config,
                                             bool flag) {
+  // `flag` is a new configuration version resetting consent.
+  detail::ConsentCauseScope cause(flag ? ConsentChangeCause::configuration
+                                       : ConsentChangeCause::checkCycle);
   std::optional<BannerConfig> banner = getBannerConfig(config.get());
   if (!banner || !banner->complianceType) return;
   if (!banner->recordConsentUponAppStart.value_or(false) && !flag) return;

@@ -8,6 +8,7 @@
 #include "persistence/preference_writer.h"
 #include "platform/time.h"
 #include "purposes/purpose_manager.h"
+#include "runtime/consent_feed.h"
 #include "sdk/consent_sdk_impl.h"
 
 namespace pactivo {
@@ -39,7 +40,15 @@ bool locationIsFresh() {
 
 // ---- Consent state ----
 
-void ConsentSDK::removeConsents() { UserDefaultManager::removeAllConsents(); }
+void ConsentSDK::removeConsents() {
+  detail::ConsentCauseScope cause(ConsentChangeCause::removal);
+  UserDefaultManager::removeAllConsents();
+}
+
+ConsentObservation ConsentSDK::observeConsents(
+    std::function<void(const ConsentChanges&)> callback) {
+  return impl_->observeConsents(std::move(callback));
+}
 
 ConsentStatus ConsentSDK::get(std::int64_t purposeId) {
   return UserDefaultManager::getPurposeConsent(std::to_string(purposeId),

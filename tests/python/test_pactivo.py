@@ -201,3 +201,17 @@ def test_log_level_and_sink():
         pactivo.set_log_sink(None)
     assert pactivo.log_level() is pactivo.LogLevel.ERROR
     assert any("options.tenant_id is NULL" in line for line in lines)
+
+
+def test_consent_changes_arrive_with_their_cause(server):
+    with ready_sdk(server) as sdk:
+        changes = sdk.consent_changes(timeout=10)
+        current = next(changes)
+        assert current.cause == "current_state"
+        assert current.changes[1] == pactivo.ConsentChange(2, None, None, Consent.DECLINED)
+        sdk.set(2, Consent.GRANTED)
+        assert next(changes) == pactivo.ConsentChanges(
+            "host", [pactivo.ConsentChange(2, None, Consent.DECLINED, Consent.GRANTED)])
+        changes.close()  # cancels the observation
+        sdk.set(2, Consent.DECLINED)
+

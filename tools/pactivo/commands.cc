@@ -1,4 +1,6 @@
 // Commands against a real deployment, and `inspect`.
+#include <pthread.h>
+
 #include <csignal>
 #include <cstdio>
 #include <ctime>
@@ -10,10 +12,6 @@
 
 namespace pactivo::cli {
 namespace {
-
-std::atomic<bool> interrupted{false};
-
-void onInterrupt(int) { interrupted = true; }
 
 std::optional<ConsentStatus> parseConsent(const std::string& text) {
   auto status = fromRawValue<ConsentStatus>(text);
@@ -53,24 +51,59 @@ void printBanner(const CommonOptions& options, const std::optional<BannerConfig>
   }
 }
 
-int watch(ConsentSDK& sdk, const ConsentSDKOptions& sdkOptions) {
+// One line of `watch`, written whole: several library threads print.
+void printLine(const std::string& line) {
+  std::printf("%s\n", line.c_str());
+  std::fflush(stdout);
+}
+
+std::string consentText(std::optional<ConsentStatus> consent) {
+  return consent ? std::string(rawValue(*consent)) : "none";
+}
+
+std::string describe(const ConsentChanges& delivery) {
+  std::string line = "consents (" + std::string(rawValue(delivery.cause)) + "):";
+  if (delivery.changes.empty()) line += " none";
+  for (const ConsentChange& change : delivery.changes) {
+    line += change.purposeId ? " purpose " + std::to_string(*change.purposeId)
+                             : " " + change.permission.value_or("");
+    line += " " + consentText(change.before) + " -> " + consentText(change.after) + ",";
+  }
+  if (line.back() == ',') line.pop_back();
+  return line;
+}
+
+int watch(ConsentSDK& sdk, const CommonOptions& options, const ConsentSDKOptions& sdkOptions) {
+  // Blocked before the library starts a thread, so every thread inherits the
+  // mask and the signals wait for sigwait() below: nothing polls for them.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  const bool json = options.json;
   // Uploads show in the log; everything else of the log stays quiet.
-  SDKLogger::shared().setSink([](std::string_view text) {
-    if (text.find("uploadConsents(url:request:)") != std::string_view::npos ||
-        text.find("[ERROR]") != std::string_view::npos) {
-      std::fwrite(text.data(), 1, text.size(), stdout);
-      std::fflush(stdout);
+  SDKLogger::shared().setSink([json](std::string_view text) {
+    if (text.find("uploadConsents(url:request:)") == std::string_view::npos &&
+        text.find("[ERROR]") == std::string_view::npos) {
+      return;
     }
+    std::string line(text);
+    while (!line.empty() && line.back() == '\n') line.pop_back();
+    printLine(json ? "{\"log\":" + jsonString(line) + "}" : line);
   });
-  std::signal(SIGINT, onInterrupt);
-  std::signal(SIGTERM, onInterrupt);
-  sdk.isReady([](SDKStatus status) {
-    std::printf("readiness: %s\n", std::string(pactivo::status(status)).c_str());
-    std::fflush(stdout);
+  sdk.isReady([json](SDKStatus status) {
+    const std::string text(pactivo::status(status));
+    printLine(json ? "{\"readiness\":" + jsonString(text) + "}" : "readiness: " + text);
+  });
+  ConsentObservation observation = sdk.observeConsents([json](const ConsentChanges& delivery) {
+    printLine(json ? encode(delivery) : describe(delivery));
   });
   sdk.setup(sdkOptions);
-  while (!interrupted) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  std::printf("stopping\n");
+  int signal = 0;
+  sigwait(&stopSignals, &signal);
+  observation.cancel();
+  printLine(json ? "{\"stopping\":true}" : "stopping");
   return 0;
 }
 
@@ -85,7 +118,7 @@ int runDeploymentCommand(const std::string& command, const CommonOptions& option
   }
   ConsentSDKOptions sdkOptions = libraryOptions(options);
   ConsentSDK sdk;
-  if (command == "watch") return watch(sdk, sdkOptions);
+  if (command == "watch") return watch(sdk, options, sdkOptions);
   if (command == "remove-consents") {
     sdk.removeConsents();
     std::printf(options.json ? "{\"removed\":true}\n" : "all consents removed\n");

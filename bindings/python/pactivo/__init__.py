@@ -21,7 +21,8 @@ import logging
 import threading
 from dataclasses import dataclass, field
 from enum import Enum, IntEnum
-from typing import Any, Callable, Mapping, Optional, Sequence
+import queue
+from typing import Any, Callable, Iterator, Mapping, Optional, Sequence
 
 from . import _native
 from ._native import lib
@@ -180,6 +181,62 @@ class Permission:
                    record.get("group"), record)
 
 
+@dataclass(frozen=True)
+class ConsentChange:
+    """One stored consent that changed: a purpose's (`purpose_id`) or a
+    permission's (`permission`, its key). None before: nothing was stored;
+    None after: removed."""
+
+    purpose_id: Optional[int]
+    permission: Optional[str]
+    before: Optional[Consent]
+    after: Optional[Consent]
+
+
+@dataclass(frozen=True)
+class ConsentChanges:
+    """What one commit changed, and why: "current_state" (the first delivery),
+    "host", "check_cycle", "configuration", "removal" or "other_process"."""
+
+    cause: str
+    changes: list[ConsentChange]
+
+    @classmethod
+    def from_json(cls, text: bytes) -> "ConsentChanges":
+        record = json.loads(text.decode("utf-8"))
+        consent = lambda value: Consent(value) if value else None  # noqa: E731
+        return cls(record["cause"], [
+            ConsentChange(c.get("purpose_id"), c.get("permission"), consent(c["before"]),
+                          consent(c["after"])) for c in record["changes"]])
+
+
+class Observation:
+    """Delivers consent changes until cancelled, closed as a context
+    manager, or collected; see SDK.observe_consents()."""
+
+    def __init__(self, handle: int, on_changes: Any) -> None:
+        self._handle: Optional[int] = handle
+        self._on_changes = on_changes  # the C callback lives as long as the observation
+
+    def cancel(self) -> None:
+        """Stops delivery; on another thread, no callback runs once it returns. Idempotent."""
+        handle, self._handle = self._handle, None
+        if handle is not None:
+            _check(lib.pactivo_observation_cancel(handle))
+
+    def __enter__(self) -> "Observation":
+        return self
+
+    def __exit__(self, *exc: object) -> None:
+        self.cancel()
+
+    def __del__(self) -> None:
+        try:
+            self.cancel()
+        except Exception:  # nothing to report to during collection
+            pass
+
+
 class SDK:
     """One library instance; `SDK(shared=True)` wraps the process-wide one.
 
@@ -315,6 +372,30 @@ class SDK:
 
     def remove_consents(self) -> None:
         _check(lib.pactivo_remove_consents(self._h))
+
+    # ---- Consent changes ----
+
+    def observe_consents(self, callback: Callable[[ConsentChanges], None]) -> Observation:
+        """Calls `callback` on a library thread with every stored consent, then
+        with each commit that changes one, in this or another process, in
+        commit order. Exceptions it raises are logged."""
+        on_changes = _native.CHANGES_CALLBACK(
+            lambda text, _: _guarded("consent changes callback", callback,
+                                     ConsentChanges.from_json(text)))
+        handle = ctypes.c_void_p()
+        _check(lib.pactivo_observe_consents(self._h, on_changes, None, ctypes.byref(handle)))
+        return Observation(handle.value, on_changes)
+
+    def consent_changes(self, timeout: Optional[float] = None) -> Iterator[ConsentChanges]:
+        """The deliveries of observe_consents() as an iterator, for scripts:
+        ends after `timeout` seconds without one (never when None)."""
+        deliveries: queue.Queue[ConsentChanges] = queue.Queue()
+        with self.observe_consents(deliveries.put):
+            while True:
+                try:
+                    yield deliveries.get(timeout=timeout)
+                except queue.Empty:
+                    return
 
     # ---- Queries (may wait on the network) ----
 

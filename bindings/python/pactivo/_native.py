@@ -19,6 +19,7 @@ DONE_CALLBACK = ctypes.CFUNCTYPE(None, c_int, c_void_p)
 LOG_CALLBACK = ctypes.CFUNCTYPE(None, c_char_p, c_void_p)
 PERMISSION_CALLBACK = ctypes.CFUNCTYPE(c_int, c_int, c_void_p)
 CONSENT_MODE_CALLBACK = ctypes.CFUNCTYPE(None, c_char_p, c_void_p)
+CHANGES_CALLBACK = ctypes.CFUNCTYPE(None, c_char_p, c_void_p)
 
 
 class Options(ctypes.Structure):
@@ -116,6 +117,9 @@ _SIGNATURES = {
     "pactivo_get_log_level": (c_int, [ctypes.POINTER(c_int)]),
     "pactivo_set_log_sink": (c_int, [LOG_CALLBACK, c_void_p]),
     "pactivo_install_platform": (c_int, [ctypes.POINTER(Platform)]),
+    "pactivo_observe_consents": (c_int, [c_void_p, CHANGES_CALLBACK, c_void_p,
+                                         ctypes.POINTER(c_void_p)]),
+    "pactivo_observation_cancel": (c_int, [c_void_p]),
 }
 
 for _name, (_restype, _argtypes) in _SIGNATURES.items():

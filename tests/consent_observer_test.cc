@@ -1,0 +1,225 @@
+// Consent changes reach observers once, in commit order, with their cause,
+// from this process and from another one sharing the suite.
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "pactivo/pactivo_c.h"
+#include "support/sdk_fixture.h"
+
+namespace pactivo {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::eventually;
+using S = ConsentStatus;
+
+// The deliveries an observer received, as JSON lines.
+class Deliveries {
+ public:
+  ConsentObservation observe(ConsentSDK& sdk,
+                             std::function<void(const ConsentChanges&)> also = nullptr) {
+    return sdk.observeConsents([this, also](const ConsentChanges& changes) {
+      {
+        std::lock_guard lock(mutex_);
+        lines_.push_back(encode(changes));
+      }
+      if (also) also(changes);
+    });
+  }
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+  bool reach(std::size_t count) const {
+    return eventually([&] { return lines().size() >= count; });
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+bool threadNamed(const std::string& name) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(task.path() / "comm");
+    std::string line;
+    if (std::getline(comm, line) && line == name) return true;
+  }
+  return false;
+}
+
+Purpose purpose(std::int64_t id) {
+  Purpose p;
+  p.purposeId = id;
+  return p;
+}
+
+class ConsentObserverTest : public testing::SdkTest {};
+
+TEST_F(ConsentObserverTest, EveryCommitOnceWithItsCause) {
+  // 700 purposes: the prefill records them in one commit, one delivery.
+  MainConfiguration large = testing::exampleConfiguration();
+  std::vector<Purpose>& purposes = *large.purposes;
+  const Purpose model = purposes.at(1);
+  for (std::int64_t id = 100; purposes.size() < 700; ++id) {
+    purposes.push_back(model);
+    purposes.back().purposeId = id;
+  }
+  cdn_.respond(200, encode(large));
+  // Without an observer, writes start no thread (unless an earlier test in
+  // this process observed).
+  if (!threadNamed("pactivo-events")) {
+    UserDefaultManager::setString(keys::kBannerInterval, "1 month");
+    EXPECT_FALSE(threadNamed("pactivo-events"));
+  }
+  Deliveries seen;
+  ConsentObservation observation = seen.observe(*sdk_);
+  ASSERT_TRUE(seen.reach(1));
+  EXPECT_TRUE(threadNamed("pactivo-events"));
+  setupThroughPrefill();
+  ASSERT_TRUE(seen.reach(2));
+  ASSERT_TRUE(sdk_->set(purpose(2), S::granted));
+  ASSERT_TRUE(sdk_->set(purpose(2), S::granted));  // no change, no delivery
+  UserDefaultManager::setPermissionConsent(LumariKey::cameraUsageDescription, S::granted);
+  // A later observer starts from what is stored now.
+  Deliveries late;
+  ConsentObservation second = late.observe(*sdk_);
+  ASSERT_TRUE(late.reach(1));
+  EXPECT_NE(late.lines()[0].find(R"({"purpose_id":2,"before":null,"after":"granted"})"),
+            std::string::npos);
+  sdk_->removeConsents();
+  ASSERT_TRUE(seen.reach(5));
+  const auto lines = seen.lines();
+  EXPECT_EQ(lines[0], R"({"cause":"current_state","changes":[]})");
+  EXPECT_EQ(
+      lines[1].rfind(R"({"cause":"check_cycle","changes":[{"purpose_id":1,"before":null,)", 0), 0u);
+  EXPECT_EQ(std::count(lines[1].begin(), lines[1].end(), '{'), 1 + 700 + 4);
+  EXPECT_EQ(
+      lines[2],
+      R"({"cause":"host","changes":[{"purpose_id":2,"before":"declined","after":"granted"}]})");
+  EXPECT_EQ(lines[3], R"({"cause":"host","changes":[{"permission":"NSCameraUsageDescription",)"
+                      R"("before":"not_determined","after":"granted"}]})");
+  EXPECT_EQ(
+      lines[4].rfind(R"({"cause":"removal","changes":[{"purpose_id":1,"before":"granted",)", 0),
+      0u);
+}
+
+TEST_F(ConsentObserverTest, CallbacksMayCallInCancelThemselvesAndThrow) {
+  setupThroughPrefill();
+  // The first observer answers a change with a choice of its own, then
+  // cancels itself from inside its callback; the second throws every time.
+  ConsentObservation first;
+  std::atomic<int> firstCalls{0};
+  Deliveries answered;
+  first = answered.observe(*sdk_, [&](const ConsentChanges& changes) {
+    if (++firstCalls == 2) {
+      EXPECT_EQ(changes.cause, ConsentChangeCause::host);
+      EXPECT_TRUE(sdk_->set(purpose(4), S::granted));
+      first.cancel();
+    }
+  });
+  Deliveries thrown;
+  ConsentObservation second =
+      thrown.observe(*sdk_, [](const ConsentChanges&) { throw std::runtime_error("boom"); });
+  ASSERT_TRUE(thrown.reach(1));
+  ASSERT_TRUE(sdk_->set(purpose(2), S::granted));
+  ASSERT_TRUE(thrown.reach(3));  // current state, purpose 2, then purpose 4 from the callback
+  ASSERT_TRUE(sdk_->set(purpose(10), S::granted));
+  ASSERT_TRUE(thrown.reach(4));
+  EXPECT_EQ(answered.lines().size(), 2u);
+  EXPECT_EQ(sdk_->get(4), S::granted);
+  EXPECT_EQ(log_.count("[ERROR] [consent_feed.cc"), 4u) << log_.text();
+  EXPECT_TRUE(log_.contains("observeConsents(_:) - Consent observer threw: boom"));
+}
+
+TEST_F(ConsentObserverTest, TeardownWaitsForTheDeliveryInFlight) {
+  setupThroughPrefill();
+  std::atomic<bool> inside{false}, finished{false};
+  std::atomic<int> calls{0};
+  ConsentObservation observation = sdk_->observeConsents([&](const ConsentChanges& changes) {
+    ++calls;
+    if (changes.cause != ConsentChangeCause::host) return;
+    inside = true;
+    std::this_thread::sleep_for(200ms);
+    finished = true;
+  });
+  ASSERT_TRUE(sdk_->set(purpose(2), S::granted));
+  ASSERT_TRUE(eventually([&] { return inside.load(); }));
+  sdk_.reset();
+  EXPECT_TRUE(finished);
+  UserDefaultManager::setPurposeConsent("2", S::declined);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(calls, 2);  // the observation ended with its facade
+}
+
+TEST_F(ConsentObserverTest, AnotherProcessesChangesArriveOnceAndInOrder) {
+  setupThroughPrefill();
+  // The child makes its next change only once the parent saw the last one.
+  int seenPipe[2];
+  ASSERT_EQ(pipe(seenPipe), 0);
+  Deliveries seen;
+  ConsentObservation observation = seen.observe(*sdk_, [&](const ConsentChanges& changes) {
+    if (changes.cause == ConsentChangeCause::otherProcess) (void)!write(seenPipe[1], "x", 1);
+  });
+  ASSERT_TRUE(seen.reach(1));
+  const int rounds = 6;
+  const int status = testing::runInChild([&] {
+    char byte;
+    for (int i = 0; i < rounds; ++i) {
+      UserDefaultManager::setPurposeConsent("7", i % 2 ? S::declined : S::granted);
+      if (read(seenPipe[0], &byte, 1) != 1) return 1;
+    }
+    return 0;
+  });
+  EXPECT_EQ(status, 0);
+  const auto lines = seen.lines();
+  ASSERT_EQ(lines.size(), 1u + rounds);
+  for (int i = 0; i < rounds; ++i) {
+    const char* before = i == 0 ? "null" : i % 2 ? "\"granted\"" : "\"declined\"";
+    const char* after = i % 2 ? "\"declined\"" : "\"granted\"";
+    EXPECT_EQ(lines[1 + i], std::string(R"({"cause":"other_process","changes":[{"purpose_id":7,)") +
+                                "\"before\":" + before + ",\"after\":" + after + "}]}");
+  }
+  close(seenPipe[0]);
+  close(seenPipe[1]);
+}
+
+TEST_F(ConsentObserverTest, TheCInterfaceDeliversJsonUntilCancelled) {
+  setupThroughPrefill();
+  pactivo_sdk* sdk = nullptr;
+  ASSERT_EQ(pactivo_sdk_new(&sdk), PACTIVO_OK);
+  struct Seen {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+  } seen;
+  auto callback = [](const char* json, void* state) {
+    auto* s = static_cast<Seen*>(state);
+    std::lock_guard lock(s->mutex);
+    s->lines.emplace_back(json);
+  };
+  auto count = [&] {
+    std::lock_guard lock(seen.mutex);
+    return seen.lines.size();
+  };
+  pactivo_observation* observation = nullptr;
+  EXPECT_EQ(pactivo_observe_consents(sdk, nullptr, &seen, &observation), PACTIVO_MISUSE);
+  EXPECT_EQ(pactivo_observe_consents(nullptr, callback, &seen, &observation), PACTIVO_MISUSE);
+  ASSERT_EQ(pactivo_observe_consents(sdk, callback, &seen, &observation), PACTIVO_OK);
+  UserDefaultManager::setPurposeConsent("2", S::granted);
+  ASSERT_TRUE(eventually([&] { return count() == 2; }));
+  EXPECT_EQ(
+      seen.lines[1],
+      R"({"cause":"host","changes":[{"purpose_id":2,"before":"declined","after":"granted"}]})");
+  EXPECT_EQ(pactivo_observation_cancel(observation), PACTIVO_OK);
+  EXPECT_EQ(pactivo_observation_cancel(nullptr), PACTIVO_OK);
+  UserDefaultManager::setPurposeConsent("2", S::declined);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(count(), 2u);
+  EXPECT_EQ(pactivo_sdk_destroy(sdk), PACTIVO_OK);
+}
+
+}  // namespace
+}  // namespace pactivo
