@@ -6,7 +6,7 @@
 #include "network/network_manager.h"
 #include "pactivo/locale_utils.h"
 #include "pactivo/user_default_manager.h"
-#include "sdk/task_runner.h"
+#include "runtime/task_runner.h"
 #include "support/test_server.h"
 #include "support/test_support.h"
 

@@ -17,7 +17,7 @@
 #include "network/network_manager.h"
 #include "pactivo/logger.h"
 #include "pactivo/user_default_manager.h"
-#include "sdk/task_runner.h"
+#include "runtime/task_runner.h"
 
 namespace pactivo::detail {
 namespace {

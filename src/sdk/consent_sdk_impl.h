@@ -17,8 +17,8 @@
 #include "pactivo/consent_sdk.h"
 #include "pactivo/platform.h"
 #include "pactivo/sdk_listener.h"
-#include "sdk/scheduler.h"
-#include "sdk/task_runner.h"
+#include "runtime/scheduler.h"
+#include "runtime/task_runner.h"
 
 namespace pactivo {
 

@@ -18,7 +18,7 @@
 
 #include "pactivo/logger.h"
 #include "pactivo/platform.h"
-#include "sdk/scheduler.h"
+#include "runtime/scheduler.h"
 
 namespace pactivo::testing {
 

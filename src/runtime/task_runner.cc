@@ -1,4 +1,4 @@
-#include "sdk/task_runner.h"
+#include "runtime/task_runner.h"
 
 #include <pthread.h>
 

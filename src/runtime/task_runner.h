@@ -1,7 +1,7 @@
 // Background tasks of the facade: each on its own thread, cancellable, and
 // all joined when the runner is destroyed.
-#ifndef PACTIVO_SRC_SDK_TASK_RUNNER_H_
-#define PACTIVO_SRC_SDK_TASK_RUNNER_H_
+#ifndef PACTIVO_SRC_RUNTIME_TASK_RUNNER_H_
+#define PACTIVO_SRC_RUNTIME_TASK_RUNNER_H_
 
 #include <condition_variable>
 #include <functional>
@@ -71,4 +71,4 @@ std::stop_token currentTaskStopToken();
 
 }  // namespace pactivo::detail
 
-#endif  // PACTIVO_SRC_SDK_TASK_RUNNER_H_
+#endif  // PACTIVO_SRC_RUNTIME_TASK_RUNNER_H_

@@ -1,4 +1,4 @@
-#include "sdk/scheduler.h"
+#include "runtime/scheduler.h"
 
 #include <pthread.h>
 

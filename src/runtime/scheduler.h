@@ -1,7 +1,7 @@
 // Time for the recurring consent check: a clock that tests can drive, and a
 // repeating timer on its own thread.
-#ifndef PACTIVO_SRC_SDK_SCHEDULER_H_
-#define PACTIVO_SRC_SDK_SCHEDULER_H_
+#ifndef PACTIVO_SRC_RUNTIME_SCHEDULER_H_
+#define PACTIVO_SRC_RUNTIME_SCHEDULER_H_
 
 #include <atomic>
 #include <chrono>
@@ -72,4 +72,4 @@ class OneShotTimer {
 
 }  // namespace pactivo::detail
 
-#endif  // PACTIVO_SRC_SDK_SCHEDULER_H_
+#endif  // PACTIVO_SRC_RUNTIME_SCHEDULER_H_
