@@ -56,20 +56,14 @@ TEST(CliTest, ExitCodesAndOutput) {
       {"{cli} validate", 2, {"validate takes one or more FILEs"}},
       {"{cli} --help", 0, {"Commands:"}},
       {"{cli} demo --help", 0, {"Commands:"}},
-      {"{cli} status --help", 0, {"Commands:"}},
 
+      // The decoder's own texts are pinned by its tests; one shows how they are printed.
       {"{cli} validate " PACTIVO_EXAMPLES_DIR "/configuration.json", 0, {": valid"}},
       {"{cli} validate {data}bad-status.json",
        1,
        {"invalid: Failed to Decode MainConfiguration : purposes[0].consent_status: unknown value "
         "\"opt_in\""}},
       {"{cli} validate --json {data}bad-status.json", 1, {"^[{\"file\":"}},
-      {"{cli} validate {data}truncated.json",
-       1,
-       {"invalid: Failed to Decode MainConfiguration : invalid JSON"}},
-      {"{cli} validate {data}palette.json",
-       1,
-       {"banner_config.categories.c.palette: missing required key \"button_background\""}},
       {"{cli} validate {data}warnings.json",
        0,
        {"warning: location \"DE\" points to missing category \"gdpr\"",

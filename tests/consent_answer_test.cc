@@ -39,16 +39,12 @@ TEST_F(ConsentAnswerTest, PrefillNeverRecordsOverAChoiceMadeWhileItWaits) {
   std::promise<void> chosen;
   std::shared_future<void> released = chosen.get_future().share();
   app_.setHandler([released](const httplib::Request& request, httplib::Response& response) {
-    if (request.method == "GET") {
-      released.wait();
-      response.set_content(
-          R"({"status": 0, "message": "ok", "data": {"City": {}, "Continent": {}, "Country": {},)"
-          R"( "CountryISOCode": {"code": "DE"}, "Language": {}, "Location": {"code": "DE"},)"
-          R"( "RegisteredCountry": {}, "State": {}, "StateISOCode": {}}})",
-          "application/json");
-    } else {
-      response.set_content(reply(0, "saved"), "application/json");
-    }
+    CurrentLocationResponse::Data germany;
+    germany.countryISOCode["code"] = germany.location["code"] = "DE";
+    if (request.method == "GET") released.wait();
+    response.set_content(request.method == "GET" ? encode(CurrentLocationResponse{0, "ok", germany})
+                                                 : reply(0, "saved"),
+                         "application/json");
   });
   sdk_->setup(options({.location = std::nullopt}));
   ASSERT_TRUE(eventually([&] { return app_.requestCount() == 1; })) << log_.text();
@@ -114,8 +110,6 @@ TEST_F(ConsentAnswerTest, AForgottenUserIsUploadedWithANewIdentity) {
   ASSERT_GE(bodies.size(), 2u);
   const std::string renewed = bodies[1].uuid;
   EXPECT_NE(renewed, bodies[0].uuid);
-  EXPECT_EQ(renewed.size(), 36u);
-  EXPECT_EQ(renewed.find_first_of("abcdef"), std::string::npos) << renewed;
   for (std::size_t i = 1; i < bodies.size(); ++i) EXPECT_EQ(bodies[i].uuid, renewed);
 }
 

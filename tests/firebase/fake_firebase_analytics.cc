@@ -2,6 +2,7 @@
 // recording what it received.
 #include <map>
 #include <mutex>
+#include <string>
 
 namespace firebase {
 namespace analytics {
@@ -16,29 +17,24 @@ enum ConsentStatus { kConsentStatusGranted = 0, kConsentStatusDenied };
 
 namespace {
 std::mutex mutex;
-std::map<ConsentType, ConsentStatus> received;
-int calls = 0;
+std::string received;
 }  // namespace
 
 __attribute__((visibility("default"))) void SetConsent(
     const std::map<ConsentType, ConsentStatus>& consent_settings) {
   std::lock_guard lock(mutex);
-  received = consent_settings;
-  ++calls;
+  for (auto [type, status] : consent_settings) {
+    received += std::to_string(type) + "=" + std::to_string(status) + " ";
+  }
+  received += ";";
 }
 
 }  // namespace analytics
 }  // namespace firebase
 
-// For the test: the calls so far, and the status received for one type
-// (-1 when absent).
-extern "C" __attribute__((visibility("default"))) int fakeFirebaseCalls() {
+// For the test: every call so far, each as "type=status ...;". Valid until
+// the next call.
+extern "C" __attribute__((visibility("default"))) const char* fakeFirebaseReceived() {
   std::lock_guard lock(firebase::analytics::mutex);
-  return firebase::analytics::calls;
-}
-
-extern "C" __attribute__((visibility("default"))) int fakeFirebaseStatus(int type) {
-  std::lock_guard lock(firebase::analytics::mutex);
-  auto it = firebase::analytics::received.find(static_cast<firebase::analytics::ConsentType>(type));
-  return it == firebase::analytics::received.end() ? -1 : it->second;
+  return firebase::analytics::received.c_str();
 }
