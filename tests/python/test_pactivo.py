@@ -185,7 +185,10 @@ def test_log_level_and_sink():
 
 
 def test_consent_changes_arrive_with_their_cause(server):
-    with ready_sdk(server) as sdk:
+    with pactivo.SDK() as sdk:
+        start(sdk, server)
+        assert sdk.wait_ready(timeout=20)
+        sdk.check_consents()  # waits for the defaults setup records
         changes = sdk.consent_changes(timeout=10)
         current = next(changes)
         assert current.cause == "current_state"
