@@ -185,6 +185,14 @@ TEST_F(ConsentObserverTest, AnotherProcessesChangesArriveOnceAndInOrder) {
   }
   close(seenPipe[0]);
   close(seenPipe[1]);
+  // The suite deleted under the observer: it follows the new, empty one.
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::filesystem::remove(scoped_.dataDirectory() /
+                            ("tessarin-cmp-sdk.sqlite" + std::string(suffix)));
+  }
+  ASSERT_TRUE(seen.reach(2 + rounds));
+  EXPECT_NE(seen.lines().back().find(R"({"purpose_id":7,"before":"declined","after":null})"),
+            std::string::npos);
 }
 
 TEST_F(ConsentObserverTest, TheCInterfaceDeliversJsonUntilCancelled) {

@@ -189,6 +189,11 @@ PreferenceStore::~PreferenceStore() {
 }
 
 int PreferenceStore::initialise(std::string* error) {
+  struct stat opened {};
+  if (::stat(path_.c_str(), &opened) == 0) {
+    device_ = opened.st_dev;
+    inode_ = opened.st_ino;
+  }
   sqlite3_busy_timeout(db_, kBusyTimeoutMs);
   // WAL with synchronous=FULL: a committed write survives the process being
   // killed and the power being cut (set-top boxes are switched off at the
@@ -403,7 +408,16 @@ std::uint64_t PreferenceStore::observeConsents(ConsentFeed::Callback callback) {
   }
   return ConsentFeed::shared().add(std::move(callback), std::move(current), path_.parent_path(),
                                    [] {
-                                     if (auto store = currentStore()) store->refresh();
+                                     auto store = currentStore();
+                                     if (store && store->replacedOnDisk()) {
+                                       // Follow the suite on disk, as a process
+                                       // started now would; reopening publishes
+                                       // what differs.
+                                       resetCurrentStore();
+                                       currentStore();
+                                     } else if (store) {
+                                       store->refresh();
+                                     }
                                    });
 }
 
@@ -411,6 +425,11 @@ void PreferenceStore::publishEveryConsent() {
   std::lock_guard lock(mutex_);
   refreshIfChanged();
   publishConsentChanges(ConsentChangeCause::otherProcess, true);
+}
+
+bool PreferenceStore::replacedOnDisk() const {
+  struct stat now {};
+  return ::stat(path_.c_str(), &now) != 0 || now.st_dev != device_ || now.st_ino != inode_;
 }
 
 void PreferenceStore::refresh() {

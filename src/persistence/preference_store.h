@@ -3,6 +3,7 @@
 #define PACTIVO_SRC_PERSISTENCE_PREFERENCE_STORE_H_
 
 #include <sqlite3.h>
+#include <sys/types.h>
 
 #include <array>
 #include <atomic>
@@ -100,6 +101,9 @@ class PreferenceStore {
   std::uint64_t observeConsents(ConsentFeed::Callback callback);
   // Publishes what other processes committed since the last look.
   void refresh();
+  // Whether the file at path() is no longer the one this store has open:
+  // another process deleted it, or replaced it after finding it corrupt.
+  bool replacedOnDisk() const;
   // Publishes every consent that differs from what the feed last published:
   // for a store opened while observers wait, after another process may have
   // changed the suite.
@@ -141,6 +145,8 @@ class PreferenceStore {
 
   sqlite3* const db_;
   const std::filesystem::path path_;
+  dev_t device_ = 0;  // the identity of the file opened, set by initialise()
+  ino_t inode_ = 0;
   std::atomic<std::uint64_t> operations_{0};
 
   // The first header of the WAL index ("-shm" file), mapped read-only. Every
