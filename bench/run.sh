@@ -10,3 +10,5 @@ for bench in store_bench json_bench evaluation_bench setup_bench cycle_bench; do
   echo "== $bench"
   "$BUILD_DIR/bench/$bench" "$@"
 done
+echo "== startup_bench"
+"$BUILD_DIR/bench/startup_bench"

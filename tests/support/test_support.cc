@@ -1,8 +1,14 @@
 #include "support/test_support.h"
 
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <fstream>
 #include <sstream>
@@ -31,6 +37,48 @@ TempDir::~TempDir() {
   std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
                                std::filesystem::perm_options::add, ec);
   std::filesystem::remove_all(path_, ec);
+}
+
+int loopback(int port, bool bindIt) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  bool ok = bindIt ? bind(fd, raw, length) == 0 && getsockname(fd, raw, &length) == 0
+                   : connect(fd, raw, length) == 0;
+  close(fd);
+  return ok ? ntohs(address.sin_port) : -1;
+}
+
+Nginx::Nginx(const std::filesystem::path& root, const std::string& tls) {
+  const std::string dir = temp.path().string();
+  std::filesystem::create_directories(temp.path() / "logs");
+  std::ofstream(dir + "/nginx.conf")
+      << "pid " << dir << "/nginx.pid;\nerror_log " << dir << "/logs/error.log;\n"
+      << "events { worker_connections 16; }\nhttp {\n  access_log off;\n"
+      << "  client_body_temp_path " << dir << "/body;\n"
+      << "  server { listen 127.0.0.1:" << port << (tls.empty() ? "" : " ssl") << "; root "
+      << root.string() << "; etag on; " << tls << " }\n}\n";
+  pid = fork();
+  if (pid == 0) {
+    // nginx must not outlive a test that crashes, nor hold its output.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, STDOUT_FILENO);
+    dup2(devnull, STDERR_FILENO);
+    execl("/usr/sbin/nginx", "nginx", "-p", dir.c_str(), "-c", (dir + "/nginx.conf").c_str(), "-g",
+          "daemon off; master_process off;", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+}
+
+Nginx::~Nginx() {
+  if (pid <= 0) return;
+  kill(pid, SIGTERM);
+  waitpid(pid, nullptr, 0);
 }
 
 FakePlatform::FakePlatform(std::filesystem::path dataDirectory)

@@ -35,6 +35,21 @@ class TempDir {
   std::filesystem::path path_;
 };
 
+// Binds (port 0: any free one) or connects a loopback socket; the port, or -1.
+int loopback(int port, bool bindIt);
+
+// nginx in the foreground on a free loopback port, serving `root`, until
+// the object goes; over TLS when `tls` holds its directives.
+struct Nginx {
+  explicit Nginx(const std::filesystem::path& root, const std::string& tls = "");
+  ~Nginx();
+  Nginx(const Nginx&) = delete;
+  Nginx& operator=(const Nginx&) = delete;
+  TempDir temp;
+  int port = loopback(0, true);
+  int pid = -1;
+};
+
 // A platform whose every answer the test sets. Wall-clock time stands still
 // unless the test moves it.
 class FakePlatform : public Platform {
