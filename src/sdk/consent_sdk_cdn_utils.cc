@@ -1,6 +1,7 @@
 // The configuration file cache: where the document lives on disk, how it is
 // saved with a backup, and how getCDNFile() chooses between cache and fetch.
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -116,6 +117,17 @@ bool writeDurably(const std::filesystem::path& path, const MainConfiguration& co
   return true;
 }
 
+// Gives the memory that reading a document left free back to the system.
+// glibc keeps what a thread frees in that thread's arena, every task runs on
+// a new thread, and a new thread does not always take over the arena an
+// earlier one filled: each fetch of a 2.5 MB document left 4 to 10 MB more
+// resident than the one before.
+void releaseFreedMemory() {
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
+}
+
 // Makes the renames in `directory` survive a power cut.
 void syncDirectory(const std::filesystem::path& directory) {
   int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -171,16 +183,21 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::readCDNFile(bool isCa
       return cachedDocument_;
     }
     auto decodeFile = [&](const std::filesystem::path& path) {
-      std::string contents;
-      if (!readWholeFile(path, &contents, &error, &info)) return false;
-      auto decoded = detail::decodeText<MainConfiguration>(contents);
-      if (!decoded.ok()) {
-        error = decoded.error;
-        return false;
+      bool ok = false;
+      {
+        std::string contents;
+        if (!readWholeFile(path, &contents, &error, &info)) return false;
+        auto decoded = detail::decodeText<MainConfiguration>(contents);
+        if (decoded.ok()) {
+          cachedDocument_ = std::make_shared<const MainConfiguration>(std::move(*decoded.value));
+          cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+          ok = true;
+        } else {
+          error = decoded.error;
+        }
       }
-      cachedDocument_ = std::make_shared<const MainConfiguration>(std::move(*decoded.value));
-      cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
-      return true;
+      memoryToRelease_ = true;
+      return ok;
     };
     if (decodeFile(file)) return cachedDocument_;
     // A save cut short between its two renames leaves only the backup.
@@ -322,6 +339,7 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
     } catch (const std::exception& error) {
       log(std::string("Failed to fetch CDN File: ") + error.what(), LogLevel::error, kFunction);
     }
+    memoryToRelease_ = true;
   }
   // One commit, so one sync, for the reply's ETag, the save's bookkeeping
   // and the applied values; none when nothing changes.
@@ -331,6 +349,9 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
   });
   if (saved) log("CDN saved at: " + fileUrl(*saved), LogLevel::debug, kSaveFunction);
   sdkListener->setIsReady(result ? SDKStatus::available : SDKStatus::unavailable);
+  // After readiness: nobody waits for it. The text, the parser and any
+  // replaced document are gone by now.
+  if (memoryToRelease_.exchange(false)) releaseFreedMemory();
   return result;
 }
 

@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -171,6 +172,10 @@ class ConsentSDK::Impl {
   std::optional<NetworkPathStatus> networkStatus_;
   std::map<TaskSlot, detail::TaskHandle> taskHandles_;
   bool closing_ = false;  // set by the destructor: nothing new may start
+
+  // Set when a document was read or fetched: getCDNFile() then gives the
+  // memory it used back to the system.
+  std::atomic<bool> memoryToRelease_{false};
 
   std::mutex cacheMutex_;
   // State below is guarded by cacheMutex_, which also keeps two saves from
