@@ -160,7 +160,7 @@ TEST_F(CdnCacheTest, FailuresWithoutCacheLeaveUnavailable) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.status);
-    cdn_.respond(c.status, c.body);
+    cdn_.respond(c.status, c.body, "\"x\"");
     cdn_.clearRequests();
     log_.clear();
     setup();
@@ -168,6 +168,8 @@ TEST_F(CdnCacheTest, FailuresWithoutCacheLeaveUnavailable) {
     EXPECT_TRUE(log_.contains(c.expectedLog)) << log_.text();
     EXPECT_EQ(cdn_.requestCount(), c.requests);
     EXPECT_FALSE(std::filesystem::exists(cacheFile()));
+    // A 2xx reply's ETag is kept even when its body does not decode.
+    EXPECT_EQ(UserDefaultManager::getETag().has_value(), c.status == 200);
   }
 }
 

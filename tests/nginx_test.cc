@@ -1,10 +1,6 @@
 // Against a real content server: nginx makes the ETags and answers
 // If-None-Match with 304 by itself.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -17,28 +13,8 @@ namespace {
 
 using testing::loopback;
 using testing::Nginx;
+using testing::Program;
 using testing::TempDir;
-
-// A program of the test's own in the foreground until the object goes.
-struct Child {
-  explicit Child(std::vector<std::string> argv) {
-    pid = fork();
-    if (pid == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      std::vector<char*> args;
-      for (auto& word : argv) args.push_back(word.data());
-      args.push_back(nullptr);
-      execvp(args[0], args.data());
-      _exit(127);
-    }
-  }
-  ~Child() {
-    if (pid <= 0) return;
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-  }
-  pid_t pid = -1;
-};
 
 // A CONNECT proxy that writes each request line it receives to a file.
 constexpr const char* kRecordingProxy = R"(import socket, sys, threading
@@ -119,11 +95,9 @@ TEST_F(NginxTest, OperatorTrustClientCertificatesAndProxies) {
   const int proxyPort = loopback(0, true);
   const auto record = pki.path() / "proxy.log";
   std::ofstream(pki.path() / "proxy.py") << kRecordingProxy;
-  Child proxy({"/usr/bin/python3", (pki.path() / "proxy.py").string(), std::to_string(proxyPort),
-               record.string()});
-  for (int port : {tls.port, mutual.port, proxyPort}) {
-    ASSERT_TRUE(testing::eventually([&] { return loopback(port, false) == port; })) << port;
-  }
+  Program proxy({"/usr/bin/python3", (pki.path() / "proxy.py").string(), std::to_string(proxyPort),
+                 record.string()});
+  ASSERT_TRUE(testing::eventually([&] { return loopback(proxyPort, false) == proxyPort; }));
   const std::string proxyUrl = "http://127.0.0.1:" + std::to_string(proxyPort);
 
   const NetworkSettings trusted{.caFile = file("ca.pem")};
@@ -268,7 +242,6 @@ TEST_F(NginxTest, StoresNginxETagAndKeepsCacheOn304) {
   std::filesystem::copy_file(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json",
                              folder / "config_en.json");
   Nginx nginx(www.path());
-  ASSERT_TRUE(testing::eventually([&] { return loopback(nginx.port, false) == nginx.port; }));
   setup({.cdnUrl = "http://127.0.0.1:" + std::to_string(nginx.port) + "/"});
   ASSERT_EQ(sdk_->getStatus(), SDKStatus::available) << log_.text();
   auto etag = UserDefaultManager::getETag();

@@ -53,6 +53,26 @@ int loopback(int port, bool bindIt) {
   return ok ? ntohs(address.sin_port) : -1;
 }
 
+Program::Program(std::vector<std::string> argv) {
+  pid_ = fork();
+  if (pid_ != 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  int devnull = open("/dev/null", O_WRONLY);
+  dup2(devnull, STDOUT_FILENO);
+  dup2(devnull, STDERR_FILENO);
+  std::vector<char*> args;
+  for (auto& word : argv) args.push_back(word.data());
+  args.push_back(nullptr);
+  execvp(args[0], args.data());
+  _exit(127);
+}
+
+Program::~Program() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGTERM);
+  waitpid(pid_, nullptr, 0);
+}
+
 Nginx::Nginx(const std::filesystem::path& root, const std::string& tls) {
   const std::string dir = temp.path().string();
   std::filesystem::create_directories(temp.path() / "logs");
@@ -62,23 +82,10 @@ Nginx::Nginx(const std::filesystem::path& root, const std::string& tls) {
       << "  client_body_temp_path " << dir << "/body;\n"
       << "  server { listen 127.0.0.1:" << port << (tls.empty() ? "" : " ssl") << "; root "
       << root.string() << "; etag on; " << tls << " }\n}\n";
-  pid = fork();
-  if (pid == 0) {
-    // nginx must not outlive a test that crashes, nor hold its output.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    int devnull = open("/dev/null", O_WRONLY);
-    dup2(devnull, STDOUT_FILENO);
-    dup2(devnull, STDERR_FILENO);
-    execl("/usr/sbin/nginx", "nginx", "-p", dir.c_str(), "-c", (dir + "/nginx.conf").c_str(), "-g",
-          "daemon off; master_process off;", static_cast<char*>(nullptr));
-    _exit(127);
-  }
-}
-
-Nginx::~Nginx() {
-  if (pid <= 0) return;
-  kill(pid, SIGTERM);
-  waitpid(pid, nullptr, 0);
+  program = std::make_unique<Program>(std::vector<std::string>{"/usr/sbin/nginx", "-p", dir, "-c",
+                                                               dir + "/nginx.conf", "-g",
+                                                               "daemon off; master_process off;"});
+  eventually([this] { return loopback(port, false) == port; });
 }
 
 FakePlatform::FakePlatform(std::filesystem::path dataDirectory)
