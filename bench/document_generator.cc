@@ -5,26 +5,30 @@
 namespace pactivo::bench {
 namespace {
 
-LocalizedText texts(const std::string& stem, int n) {
+LocalizedText texts(int languages, const std::string& stem, int n) {
   std::string id = std::to_string(n);
-  return LocalizedText{{"en", stem + " " + id + " in English, long enough to be realistic"},
-                       {"de", stem + " " + id + " auf Deutsch, lang genug für die Wirklichkeit"},
-                       {"fr", stem + " " + id + " en français, assez long pour être réaliste"}};
+  LocalizedText text{{"en", stem + " " + id + " in English, long enough to be realistic"},
+                     {"de", stem + " " + id + " auf Deutsch, lang genug für die Wirklichkeit"},
+                     {"fr", stem + " " + id + " en français, assez long pour être réaliste"}};
+  if (languages > 3) text.set("it", stem + " " + id + " in italiano, abbastanza lungo");
+  return text;
 }
 
-std::string base64Logo(int n) {
+std::string base64Logo(int n, std::size_t bytes = 6000) {
   static const char kAlphabet[] =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string logo(6000, 'A');
+  std::string logo(bytes, 'A');
   for (std::size_t i = 0; i < logo.size(); ++i) logo[i] = kAlphabet[(i * 7 + n) % 64];
   return logo;
 }
 
 }  // namespace
 
-MainConfiguration generateConfiguration(int purposes, int logoEvery) {
+MainConfiguration generateConfiguration(int purposes, int logoEvery, int languages,
+                                        std::size_t logoBytes) {
   MainConfiguration config;
   config.id = "generated";
+  if (logoBytes > 0) config.logoBase64 = base64Logo(0, logoBytes);
   config.version = 7;
   config.token = "token";
   config.isATTEnabled = true;
@@ -39,19 +43,19 @@ MainConfiguration generateConfiguration(int purposes, int logoEvery) {
   for (int p = 1; p <= purposes; ++p) {
     Purpose purpose;
     purpose.purposeId = p;
-    purpose.purposeName = texts("Purpose", p);
-    purpose.purposeDescription = texts("What purpose does", p);
+    purpose.purposeName = texts(languages, "Purpose", p);
+    purpose.purposeDescription = texts(languages, "What purpose does", p);
     purpose.consentStatus = ConsentStatus::notDetermined;
     purpose.disableOptOut = p % 10 == 0;
-    purpose.optOutText = texts("Opt out of", p);
+    purpose.optOutText = texts(languages, "Opt out of", p);
     purpose.sdks.emplace();
     for (int s = 0; s < 3; ++s) {
       int id = p * 10 + s;
       SDK sdk;
       sdk.sdkId = id;
       sdk.namespaceId = "com.example.sdk" + std::to_string(id);
-      sdk.sdkName = texts("SDK", id);
-      sdk.sdkDescription = texts("What the SDK does", id);
+      sdk.sdkName = texts(languages, "SDK", id);
+      sdk.sdkDescription = texts(languages, "What the SDK does", id);
       sdk.vendor = "Vendor " + std::to_string(id % 17);
       sdk.website = "https://vendor.example.com/" + std::to_string(id);
       sdk.matchedBy = std::vector<std::string>{"lib" + std::to_string(id) + ".so"};
@@ -75,8 +79,8 @@ MainConfiguration generateConfiguration(int purposes, int logoEvery) {
     LumariKey key(static_cast<LumariKey::Case>(k));
     permission.permissionId = key;
     permission.name = std::string(key.rawValue());
-    permission.nameMap = texts("Permission", k);
-    permission.description = texts("Why we ask for permission", k);
+    permission.nameMap = texts(languages, "Permission", k);
+    permission.description = texts(languages, "Why we ask for permission", k);
     (*prompt.permissions)[std::string(key.rawValue())] = k % 2 == 0;
     config.permissions->push_back(std::move(permission));
   }
@@ -86,9 +90,9 @@ MainConfiguration generateConfiguration(int purposes, int logoEvery) {
     BannerConfig category;
     category.name = name;
     category.complianceType = ComplianceType::optIn;
-    category.accept = texts("Accept", 1);
-    category.reject = texts("Reject", 1);
-    category.bannerText = texts("Banner text", 1);
+    category.accept = texts(languages, "Accept", 1);
+    category.reject = texts(languages, "Reject", 1);
+    category.bannerText = texts(languages, "Banner text", 1);
     banner.categories[name] = category;
     banner.namesMap[name] = name;
   }

@@ -12,3 +12,5 @@ for bench in store_bench json_bench evaluation_bench setup_bench cycle_bench; do
 done
 echo "== observer_bench"
 "$BUILD_DIR/bench/observer_bench"
+echo "== startup_bench"
+"$BUILD_DIR/bench/startup_bench"

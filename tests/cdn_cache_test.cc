@@ -142,6 +142,7 @@ TEST_F(CdnCacheTest, FetchFailuresAndTheLanguageFallback) {
     const bool fellBack = c.status == 404 && c.neutralStatus == 200;
     cdn_.setHandler([&](const httplib::Request& request, httplib::Response& response) {
       response.status = request.path.ends_with("/config.json") ? c.neutralStatus : c.status;
+      response.set_header("ETag", "\"x\"");
       response.set_content(c.body, "application/json");
     });
     cdn_.clearRequests();
@@ -153,6 +154,8 @@ TEST_F(CdnCacheTest, FetchFailuresAndTheLanguageFallback) {
                               (fellBack ? "network_apis" : "cdn_utils") + ".cc:"));
     EXPECT_EQ(cdn_.requestCount(), c.requests);
     EXPECT_EQ(std::filesystem::exists(cacheFile()), fellBack);
+    // A 2xx reply's ETag is kept even when its body does not decode.
+    EXPECT_EQ(UserDefaultManager::getETag().has_value(), c.status == 200 || fellBack);
   }
 }
 

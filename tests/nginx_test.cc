@@ -1,13 +1,6 @@
 // Against a real content server: nginx makes the ETags and answers
 // If-None-Match with 304 by itself.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -18,69 +11,10 @@
 namespace pactivo {
 namespace {
 
+using testing::loopback;
+using testing::Nginx;
+using testing::Program;
 using testing::TempDir;
-
-// Binds (port 0: any free one) or connects a loopback socket; the port, or -1.
-int loopback(int port, bool bindIt) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  auto* raw = reinterpret_cast<sockaddr*>(&address);
-  bool ok = bindIt ? bind(fd, raw, length) == 0 && getsockname(fd, raw, &length) == 0
-                   : connect(fd, raw, length) == 0;
-  close(fd);
-  return ok ? ntohs(address.sin_port) : -1;
-}
-
-// A program of the test's own in the foreground, its output discarded, until
-// the object goes; it must not outlive a test that crashes.
-struct Child {
-  explicit Child(std::vector<std::string> argv) : pid(fork()) {
-    if (pid != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    int devnull = open("/dev/null", O_WRONLY);
-    dup2(devnull, STDOUT_FILENO);
-    dup2(devnull, STDERR_FILENO);
-    std::vector<char*> args;
-    for (auto& word : argv) args.push_back(word.data());
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  ~Child() {
-    if (pid <= 0) return;
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-  }
-  pid_t pid;
-};
-
-bool listening(int port) {
-  return testing::eventually([&] { return loopback(port, false) == port; });
-}
-
-// nginx on a free loopback port, serving `root`, until the object goes; over
-// TLS when `tls` holds its directives.
-struct Nginx {
-  explicit Nginx(const std::filesystem::path& root, const std::string& tls = "")
-      : nginx(configure(root, tls)) {}
-  std::vector<std::string> configure(const std::filesystem::path& root, const std::string& tls) {
-    const std::string dir = temp.path().string(), conf = dir + "/nginx.conf";
-    std::filesystem::create_directories(temp.path() / "logs");
-    std::ofstream(conf) << "pid " << dir << "/nginx.pid;\nerror_log " << dir << "/logs/error.log;\n"
-                        << "events { worker_connections 16; }\nhttp {\n  access_log off;\n"
-                        << "  client_body_temp_path " << dir << "/body;\n"
-                        << "  server { listen 127.0.0.1:" << port << (tls.empty() ? "" : " ssl")
-                        << "; root " << root.string() << "; etag on; " << tls << " }\n}\n";
-    return {"/usr/sbin/nginx", "-p", dir, "-c", conf, "-g", "daemon off; master_process off;"};
-  }
-  TempDir temp;
-  int port = loopback(0, true);
-  Child nginx;
-};
 
 // A proxy that writes the request line of each request it receives to a
 // file, then hangs up.
@@ -142,9 +76,9 @@ TEST_F(NginxTest, OperatorTrustClientCertificatesAndProxies) {
   const int proxyPort = loopback(0, true);
   const auto record = pki.path() / "proxy.log";
   std::ofstream(pki.path() / "proxy.py") << kRecordingProxy;
-  Child proxy({"/usr/bin/python3", (pki.path() / "proxy.py").string(), std::to_string(proxyPort),
-               record.string()});
-  for (int port : {tls.port, mutual.port, proxyPort}) ASSERT_TRUE(listening(port)) << port;
+  Program proxy({"/usr/bin/python3", (pki.path() / "proxy.py").string(), std::to_string(proxyPort),
+                 record.string()});
+  ASSERT_TRUE(testing::eventually([&] { return loopback(proxyPort, false) == proxyPort; }));
   const std::string proxyUrl = "http://127.0.0.1:" + std::to_string(proxyPort);
   const std::string ca = file("ca.pem"), cadir = file("cadir");
 
@@ -245,7 +179,6 @@ TEST_F(NginxTest, StoresNginxETagAndKeepsCacheOn304) {
   std::filesystem::copy_file(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json",
                              folder / "config_en.json");
   Nginx nginx(www.path());
-  ASSERT_TRUE(listening(nginx.port));
   setup({.cdnUrl = "http://127.0.0.1:" + std::to_string(nginx.port) + "/"});
   ASSERT_EQ(sdk_->getStatus(), SDKStatus::available) << log_.text();
   auto etag = UserDefaultManager::getETag();

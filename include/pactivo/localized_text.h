@@ -17,6 +17,10 @@
 
 namespace pactivo {
 
+namespace detail {
+class LocalizedTextAccess;
+}  // namespace detail
+
 class PACTIVO_EXPORT LocalizedText {
  public:
   using Entry = std::pair<std::string, std::string>;
@@ -39,6 +43,8 @@ class PACTIVO_EXPORT LocalizedText {
   bool operator==(const LocalizedText& other) const;
 
  private:
+  // The decoder fills the entries in place.
+  friend class detail::LocalizedTextAccess;
   std::vector<Entry> entries_;
 };
 

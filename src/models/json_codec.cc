@@ -9,14 +9,23 @@
 #include <rapidjson/writer.h>
 #include <simdjson.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <variant>
 
+#include "models/json_text.h"
 #include "models/record_fields.h"
 #include "pactivo/json.h"
 
 namespace pactivo {
+
+class detail::LocalizedTextAccess {
+ public:
+  static std::vector<LocalizedText::Entry>& entries(LocalizedText& text) { return text.entries_; }
+};
+
 namespace {
 
 using simdjson::dom::element;
@@ -80,6 +89,16 @@ const char* describe(element value) {
   return "value";
 }
 
+// Equal texts. Language codes are two or three bytes long: compared here,
+// not in a call to memcmp, which costs more than the comparison.
+bool sameText(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i] != b[i]) return false;
+  }
+  return true;
+}
+
 template <typename T>
 T emptyValue() {
   if constexpr (std::is_same_v<T, LumariKey>) {
@@ -89,11 +108,27 @@ T emptyValue() {
   }
 }
 
-// Walks a parsed document into records, keeping the JSON path so that an
-// error can say where it happened.
+// Walks a parsed document into records. The JSON path of a failure is
+// collected while the failure unwinds, so a document that decodes pays
+// nothing for it.
 class Decoder {
  public:
-  const std::string& error() const { return error_; }
+  // "purposes[3].consent_status: unknown value ..."; valid while the parsed
+  // document lives, as the path refers to its keys.
+  std::string error() const {
+    std::string text;
+    for (auto segment = failedPath_.rbegin(); segment != failedPath_.rend(); ++segment) {
+      if (const auto* key = std::get_if<std::string_view>(&*segment)) {
+        if (!text.empty()) text += '.';
+        text += *key;
+      } else {
+        text += '[';
+        text += std::to_string(std::get<std::size_t>(*segment));
+        text += ']';
+      }
+    }
+    return text.empty() ? what_ : text + ": " + what_;
+  }
 
   template <typename T>
   bool decode(element value, T& out) {
@@ -126,10 +161,19 @@ class Decoder {
         out.reset();
         return true;
       }
-      typename T::value_type decoded = emptyValue<typename T::value_type>();
-      if (!decode(value, decoded)) return false;
-      out = std::move(decoded);
-      return true;
+      // Decoded in place: a new value replaces an earlier one whole (a
+      // repeated key), and a failure discards the whole document anyway.
+      if constexpr (std::is_same_v<typename T::value_type, std::string>) {
+        if (value.type() != element_type::STRING) return mismatch("string", value);
+        std::string_view text = value.get_string().value_unsafe();
+        out.emplace(text.data(), text.size());
+        return true;
+      } else if constexpr (std::is_same_v<typename T::value_type, LumariKey>) {
+        out.emplace(emptyValue<LumariKey>());
+      } else {
+        out.emplace();
+      }
+      return decode(value, *out);
     } else if constexpr (IsVector<T>::value) {
       if (value.type() != element_type::ARRAY) return mismatch("array", value);
       simdjson::dom::array array = value.get_array().value_unsafe();
@@ -137,9 +181,8 @@ class Decoder {
       out.reserve(array.size());
       std::size_t index = 0;
       for (element item : array) {
-        path_.emplace_back(index++);
-        if (!decode(item, out.emplace_back())) return false;
-        path_.pop_back();
+        if (!decode(item, out.emplace_back())) return failedIn(index);
+        ++index;
       }
       return true;
     } else if constexpr (IsMap<T>::value) {
@@ -147,13 +190,11 @@ class Decoder {
       out.clear();
       simdjson::dom::object object = value.get_object().value_unsafe();
       for (auto [key, item] : object) {
-        path_.emplace_back(key);
         // Of repeated keys the last entry replaces the earlier one whole; a
         // record must not keep fields the later entry leaves out.
         typename T::mapped_type decoded = emptyValue<typename T::mapped_type>();
-        if (!decode(item, decoded)) return false;
+        if (!decode(item, decoded)) return failedIn(key);
         out.insert_or_assign(std::string(key), std::move(decoded));
-        path_.pop_back();
       }
       return true;
     } else {
@@ -162,14 +203,20 @@ class Decoder {
     }
   }
 
-  bool fail(const std::string& what) {
-    error_ = path_.empty() ? what : pathText() + ": " + what;
+  bool fail(std::string what) {
+    what_ = std::move(what);
     return false;
   }
 
  private:
   bool mismatch(const char* expected, element found) {
     return fail(std::string("expected ") + expected + ", found " + describe(found));
+  }
+
+  // Adds the step into the failed value to the path, innermost first.
+  bool failedIn(std::variant<std::string_view, std::size_t> segment) {
+    failedPath_.push_back(segment);
+    return false;
   }
 
   bool decodeInteger(element value, std::int64_t& out) {
@@ -197,15 +244,27 @@ class Decoder {
   bool decodeLocalizedText(element value, LocalizedText& out) {
     if (value.type() != element_type::OBJECT) return mismatch("object", value);
     simdjson::dom::object object = value.get_object().value_unsafe();
-    out = LocalizedText();
-    out.reserve(object.size());
+    // Built in place: there are thousands of these in a document.
+    std::vector<LocalizedText::Entry>& entries = detail::LocalizedTextAccess::entries(out);
+    entries.clear();
+    entries.reserve(object.size());
     for (auto [key, item] : object) {
       if (item.type() != element_type::STRING) {
-        path_.emplace_back(key);
-        return mismatch("string", item);
+        mismatch("string", item);
+        return failedIn(key);
       }
       std::string_view text = item.get_string().value_unsafe();
-      out.set(std::string(key), std::string(text));
+      // Of repeated languages the last text wins, as LocalizedText::set has it.
+      auto same = std::find_if(
+          entries.begin(), entries.end(),
+          [key = key](const LocalizedText::Entry& e) { return sameText(e.first, key); });
+      if (same != entries.end()) {
+        same->second.assign(text.data(), text.size());
+      } else {
+        entries.emplace_back(std::piecewise_construct,
+                             std::forward_as_tuple(key.data(), key.size()),
+                             std::forward_as_tuple(text.data(), text.size()));
+      }
     }
     return true;
   }
@@ -213,23 +272,22 @@ class Decoder {
   template <typename Record>
   bool decodeRecord(element value, Record& out) {
     if (value.type() != element_type::OBJECT) return mismatch("object", value);
-    constexpr auto fields = detail::RecordFields<Record>::list();
+    static constexpr auto fields = detail::RecordFields<Record>::list();
     constexpr std::size_t count = std::tuple_size_v<decltype(fields)>;
     static_assert(count <= 64);
     std::uint64_t present = 0;
+    // Members mostly come in the table's order (the cache file always has
+    // it), so the search for a key starts after the field matched last.
+    std::size_t next = 0;
     simdjson::dom::object object = value.get_object().value_unsafe();
     for (simdjson::dom::key_value_pair member : object) {
-      std::string_view key = member.key;
-      element item = member.value;
-      bool ok = true;
-      std::size_t index = 0;
-      // Compares the key against each field in turn; the first match decodes.
-      std::apply(
-          [&](const auto&... field) {
-            (void)((matchField(field, index++, key, item, out, present, ok)) || ...);
-          },
-          fields);
-      if (!ok) return false;
+      const std::size_t index = fieldIndex(kKeys<Record>, member.key, next);
+      if (index == count) continue;  // not one of ours
+      next = index + 1;
+      if (!decodeField(fields, index, member.value, out, present,
+                       std::make_index_sequence<count>())) {
+        return failedIn(member.key);
+      }
     }
     bool ok = true;
     std::size_t index = 0;
@@ -239,29 +297,63 @@ class Decoder {
     return ok;
   }
 
+  // Each field's key, empty for a field that is not in JSON (no key of a
+  // document selects it).
+  template <typename Record>
+  static constexpr auto keysOf() {
+    constexpr auto fields = detail::RecordFields<Record>::list();
+    return std::apply(
+        [](const auto&... field) {
+          return std::array<std::string_view, sizeof...(field)>{keyOf(field)...};
+        },
+        fields);
+  }
   template <typename Record, typename Member>
-  bool matchField(const detail::Field<Record, Member>& field, std::size_t index,
-                  std::string_view key, element item, Record& out, std::uint64_t& present,
-                  bool& ok) {
-    if (field.rules & detail::kNotInJson) return false;
-    if (field.key != key) return false;
+  static constexpr std::string_view keyOf(const detail::Field<Record, Member>& field) {
+    return field.rules & detail::kNotInJson ? std::string_view() : field.key;
+  }
+  static constexpr std::string_view keyOf(const detail::Constant& field) { return field.key; }
+  template <typename Record>
+  static constexpr auto kKeys = keysOf<Record>();
+
+  // The index of the field named `key`, searched from `start` round; the
+  // field count when there is none.
+  template <std::size_t N>
+  static std::size_t fieldIndex(const std::array<std::string_view, N>& keys, std::string_view key,
+                                std::size_t start) {
+    if (key.empty()) return N;
+    for (std::size_t i = 0; i < N; ++i) {
+      std::size_t index = start + i < N ? start + i : start + i - N;
+      if (keys[index] == key) return index;
+    }
+    return N;
+  }
+
+  template <typename Fields, typename Record, std::size_t... I>
+  bool decodeField(const Fields& fields, std::size_t index, element item, Record& out,
+                   std::uint64_t& present, std::index_sequence<I...>) {
+    bool ok = true;
+    (void)((index == I && (ok = decodeOne(std::get<I>(fields), I, item, out, present), true)) ||
+           ...);
+    return ok;
+  }
+
+  template <typename Record, typename Member>
+  bool decodeOne(const detail::Field<Record, Member>& field, std::size_t index, element item,
+                 Record& out, std::uint64_t& present) {
     Member& member = out.*field.member;
     if (item.is_null()) {
       if constexpr (IsOptional<Member>::value) member.reset();
       present &= ~(std::uint64_t{1} << index);
       return true;
     }
-    path_.emplace_back(key);
-    ok = decode(item, member);
-    if (ok) path_.pop_back();
     present |= std::uint64_t{1} << index;
-    return true;
+    return decode(item, member);
   }
 
   template <typename Record>
-  bool matchField(const detail::Constant& field, std::size_t, std::string_view key, element,
-                  Record&, std::uint64_t&, bool&) {
-    return field.key == key;
+  bool decodeOne(const detail::Constant&, std::size_t, element, Record&, std::uint64_t&) {
+    return true;  // fixed by the record type; what the document says is ignored
   }
 
   template <typename Record, typename Member>
@@ -272,38 +364,30 @@ class Decoder {
   }
   bool checkRequired(const detail::Constant&, std::size_t, std::uint64_t) { return true; }
 
-  std::string pathText() const {
-    std::string text;
-    for (const auto& segment : path_) {
-      if (const auto* key = std::get_if<std::string_view>(&segment)) {
-        if (!text.empty()) text += '.';
-        text += *key;
-      } else {
-        text += '[';
-        text += std::to_string(std::get<std::size_t>(segment));
-        text += ']';
-      }
-    }
-    return text;
-  }
-
-  std::vector<std::variant<std::string_view, std::size_t>> path_;
-  std::string error_;
+  std::vector<std::variant<std::string_view, std::size_t>> failedPath_;
+  std::string what_;
 };
-
-simdjson::dom::parser& threadParser() {
-  // Reused per thread: the parser keeps its buffers between documents.
-  thread_local simdjson::dom::parser parser;
-  return parser;
-}
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
+// Text reaching this size is handed on when encoding in pieces.
+constexpr std::size_t kPieceBytes = 64 * 1024;
+
 class Encoder {
  public:
   explicit Encoder(Writer& writer) : writer_(writer) {}
+  // Hands the text to `sink` between values, in pieces of about
+  // kPieceBytes, instead of collecting all of it in `buffer`.
+  Encoder(Writer& writer, rapidjson::StringBuffer& buffer, const detail::TextSink& sink)
+      : writer_(writer), buffer_(&buffer), sink_(&sink) {}
+
+  // Hands on what is left; false when the sink refused any piece.
+  bool finish() {
+    handOver(0);
+    return !refused_;
+  }
 
   template <typename T>
   void write(const T& value) {
@@ -332,13 +416,17 @@ class Encoder {
       }
     } else if constexpr (IsVector<T>::value) {
       writer_.StartArray();
-      for (const auto& item : value) write(item);
+      for (const auto& item : value) {
+        write(item);
+        handOver(kPieceBytes);
+      }
       writer_.EndArray();
     } else if constexpr (IsMap<T>::value) {
       writer_.StartObject();
       for (const auto& [key, item] : value) {
         writeKey(key);
         write(item);
+        handOver(kPieceBytes);
       }
       writer_.EndObject();
     } else {
@@ -374,31 +462,61 @@ class Encoder {
     writer_.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
   }
 
+  // Passes the buffered text to the sink once it holds at least `atLeast`
+  // bytes. After a refusal the rest is dropped.
+  void handOver(std::size_t atLeast) {
+    if (sink_ == nullptr || buffer_->GetSize() < atLeast || buffer_->GetSize() == 0) return;
+    if (!refused_ && !(*sink_)(std::string_view(buffer_->GetString(), buffer_->GetSize()))) {
+      refused_ = true;
+    }
+    buffer_->Clear();
+  }
+
   Writer& writer_;
+  rapidjson::StringBuffer* buffer_ = nullptr;
+  const detail::TextSink* sink_ = nullptr;
+  bool refused_ = false;
 };
 
-}  // namespace
+static_assert(detail::kJsonReadAhead == simdjson::SIMDJSON_PADDING);
 
+// `readAhead`: the kJsonReadAhead bytes after `json` may be read, so the
+// parser needs no padded copy of it.
 template <typename T>
-DecodeResult<T> decode(std::string_view json) {
+DecodeResult<T> decodeJson(std::string_view json, bool readAhead) {
   DecodeResult<T> result;
   if (json.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
     result.error = "invalid JSON: the document starts with a byte-order mark";
     return result;
   }
+  // A parser of its own, freed on return: a parser keeps buffers the size
+  // of the largest document it has read (several times that document), and
+  // nothing of a document may stay behind on the thread that decoded it.
+  simdjson::dom::parser parser;
   element root;
-  if (auto error = threadParser().parse(json.data(), json.size()).get(root)) {
+  if (auto error = parser.parse(json.data(), json.size(), !readAhead).get(root)) {
     result.error = std::string("invalid JSON: ") + simdjson::error_message(error);
     return result;
   }
   Decoder decoder;
-  T value = emptyValue<T>();
-  if (decoder.decode(root, value)) {
-    result.value = std::move(value);
-  } else {
+  result.value.emplace(emptyValue<T>());
+  if (!decoder.decode(root, *result.value)) {
+    result.value.reset();
     result.error = decoder.error();
   }
   return result;
+}
+
+}  // namespace
+
+template <typename T>
+DecodeResult<T> decode(std::string_view json) {
+  return decodeJson<T>(json, false);
+}
+
+template <typename T>
+DecodeResult<T> detail::decodeText(const std::string& json) {
+  return decodeJson<T>(json, json.capacity() - json.size() >= kJsonReadAhead);
 }
 
 template <typename T>
@@ -407,6 +525,15 @@ std::string encode(const T& value) {
   Writer writer(buffer);
   Encoder(writer).write(value);
   return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+template <typename T>
+bool detail::encodeInPieces(const T& value, const TextSink& sink) {
+  rapidjson::StringBuffer buffer(nullptr, 2 * kPieceBytes);
+  Writer writer(buffer);
+  Encoder encoder(writer, buffer, sink);
+  encoder.write(value);
+  return encoder.finish();
 }
 
 template <typename T>
@@ -420,6 +547,7 @@ bool isValidUtf8(std::string_view text) {
 
 #define PACTIVO_JSON_TYPE(T)                                           \
   template PACTIVO_EXPORT DecodeResult<T> decode<T>(std::string_view); \
+  template DecodeResult<T> detail::decodeText<T>(const std::string&);  \
   template PACTIVO_EXPORT std::string encode<T>(const T&);             \
   template PACTIVO_EXPORT std::string_view typeName<T>();
 
@@ -450,5 +578,7 @@ PACTIVO_JSON_TYPE(GoogleConsentType)
 PACTIVO_JSON_TYPE(LumariKey)
 
 #undef PACTIVO_JSON_TYPE
+
+template bool detail::encodeInPieces<MainConfiguration>(const MainConfiguration&, const TextSink&);
 
 }  // namespace pactivo

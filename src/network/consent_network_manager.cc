@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -52,6 +53,7 @@ constexpr int kMaxRedirects = 10;
 
 struct Transfer {
   std::string body;
+  std::size_t announced = 0;  // the reply's Content-Length, 0 when it has none
   bool tooLarge = false;
   std::map<std::string, std::string> headers;
   Clock::time_point lastActivity = Clock::now();
@@ -66,6 +68,13 @@ size_t onBody(char* data, size_t size, size_t count, void* context) {
     transfer->tooLarge = true;
     return 0;  // aborts the transfer
   }
+  // Sized once from the announced length: grown by doubling, a body of
+  // megabytes was copied again and again and left up to twice its size
+  // allocated.
+  if (transfer->body.empty()) {
+    transfer->body.reserve(std::min(std::max(transfer->announced, bytes), kMaxResponseBodyBytes) +
+                           kJsonReadAhead);
+  }
   transfer->body.append(data, bytes);
   return bytes;
 }
@@ -77,6 +86,7 @@ size_t onHeader(char* data, size_t size, size_t count, void* context) {
   // Each response, an interim 1xx one included, starts with its status line.
   if (line.rfind("HTTP/", 0) == 0) {
     transfer->headers.clear();
+    transfer->announced = 0;
     return size * count;
   }
   size_t colon = line.find(':');
@@ -86,6 +96,9 @@ size_t onHeader(char* data, size_t size, size_t count, void* context) {
   while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
   while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) {
     value.remove_suffix(1);
+  }
+  if (equalsIgnoringCase(name, "Content-Length")) {
+    std::from_chars(value.data(), value.data() + value.size(), transfer->announced);
   }
   transfer->headers[std::string(name)] = std::string(value);
   return size * count;
@@ -345,6 +358,9 @@ Hop sendOnce(const URLRequest& request, const Connection& connection, Clock::tim
   char* redirect = nullptr;
   curl_easy_getinfo(handle, CURLINFO_REDIRECT_URL, &redirect);
   if (isFollowedRedirect(status) && redirect != nullptr) hop.redirect = redirect;
+  if (transfer.body.capacity() - transfer.body.size() < kJsonReadAhead) {
+    transfer.body.reserve(transfer.body.size() + kJsonReadAhead);
+  }
   hop.exchange.body = std::move(transfer.body);
   return hop;
 }
@@ -508,7 +524,8 @@ std::string exchangeDump(const URLRequest& request, const std::optional<HTTPResp
   return text;
 }
 
-void NetworkManager::checkStatusAndKeepETag(const URLRequest& request, const Exchange& exchange) {
+std::optional<std::string> NetworkManager::checkStatus(const URLRequest& request,
+                                                       const Exchange& exchange) {
   // A reply that is not HTTP has no status; -999 marks it.
   const int code = exchange.response ? exchange.response->statusCode : -999;
   if (code < 200 || code > 299) {
@@ -518,12 +535,12 @@ void NetworkManager::checkStatusAndKeepETag(const URLRequest& request, const Exc
     throw NetworkError::invalidStatusCode(code);
   }
   for (const auto& [name, value] : exchange.response->headers) {
-    if (equalsIgnoringCase(name, "Etag")) {
-      UserDefaultManager::setETag(value);
-      break;
-    }
+    if (equalsIgnoringCase(name, "Etag")) return value;
   }
+  return std::nullopt;
 }
+
+void NetworkManager::storeETag(const std::string& etag) { UserDefaultManager::setETag(etag); }
 
 void NetworkManager::failDecoding(const URLRequest& request, const Exchange& exchange,
                                   std::string_view typeName, const std::string& error) {

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "models/json_text.h"
 #include "network/request_builder.h"
 #include "pactivo/json.h"
 #include "pactivo/network_error.h"
@@ -36,6 +37,8 @@ struct HTTPResponse {
 
 struct Exchange {
   std::optional<HTTPResponse> response;  // nullopt for a reply that is not HTTP
+  // With kJsonReadAhead bytes of spare capacity, so that it is decoded
+  // where it is.
   std::optional<std::string> body;
 };
 
@@ -81,18 +84,29 @@ class NetworkManager {
   // Sends `request` and decodes a 2xx body as T. 304 throws cdnNotModified
   // and 404 invalidStatusCode(404), quietly; every other failure is logged
   // with the exchange dump and thrown. A 2xx "Etag" is stored before the body
-  // is decoded.
+  // is decoded; with `deferredETag` it is handed to the caller instead, to be
+  // stored in the commit that records what the body changed (it is still
+  // stored at once when the body does not decode).
   template <typename T>
-  T processRequest(const URLRequest& request) {
+  T processRequest(const URLRequest& request, std::optional<std::string>* deferredETag = nullptr) {
     Exchange exchange = send(request);
-    checkStatusAndKeepETag(request, exchange);
-    auto decoded = decode<T>(exchange.body.value_or(""));
-    if (!decoded.ok()) failDecoding(request, exchange, typeName<T>(), decoded.error);
+    std::optional<std::string> etag = checkStatus(request, exchange);
+    if (etag && deferredETag == nullptr) storeETag(*etag);
+    static const std::string kNoBody;
+    auto decoded = decodeText<T>(exchange.body ? *exchange.body : kNoBody);
+    if (!decoded.ok()) {
+      if (etag && deferredETag != nullptr) storeETag(*etag);
+      failDecoding(request, exchange, typeName<T>(), decoded.error);
+    }
+    if (deferredETag != nullptr) *deferredETag = std::move(etag);
     return std::move(*decoded.value);
   }
 
  private:
-  static void checkStatusAndKeepETag(const URLRequest& request, const Exchange& exchange);
+  // Throws for a reply that is not 2xx; the reply's "Etag", if any.
+  static std::optional<std::string> checkStatus(const URLRequest& request,
+                                                const Exchange& exchange);
+  static void storeETag(const std::string& etag);
   [[noreturn]] static void failDecoding(const URLRequest& request, const Exchange& exchange,
                                         std::string_view typeName, const std::string& error);
 };

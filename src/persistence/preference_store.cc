@@ -188,7 +188,7 @@ PreferenceStore::~PreferenceStore() {
   if (walIndexFd_ >= 0) ::close(walIndexFd_);
 }
 
-int PreferenceStore::initialise(std::string* error) {
+int PreferenceStore::initialise(bool fresh, std::string* error) {
   struct stat opened {};
   if (::stat(path_.c_str(), &opened) == 0) {
     device_ = opened.st_dev;
@@ -198,8 +198,27 @@ int PreferenceStore::initialise(std::string* error) {
   // WAL with synchronous=FULL: a committed write survives the process being
   // killed and the power being cut (set-top boxes are switched off at the
   // wall), at the price of one sync of the log per commit.
-  for (const char* sql : {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=FULL", kSchema}) {
+  //
+  // A fresh suite is built without syncs and then synced once (see
+  // syncFreshSuite()): SQLite's own way, switching the new file to WAL
+  // through a rollback journal and then creating the log, takes seven syncs
+  // on the first launch. Nothing is stored yet, so a power cut meanwhile
+  // loses nothing: the file then reads as empty or unusable and is built
+  // again.
+  std::vector<const char*> building = {"PRAGMA journal_mode=WAL", "PRAGMA synchronous=FULL",
+                                       kSchema};
+  if (fresh) building = {"PRAGMA synchronous=OFF", "PRAGMA journal_mode=WAL", kSchema};
+  for (const char* sql : building) {
     int code = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
+    if (code != SQLITE_OK) {
+      *error = sqliteError(db_, code);
+      return code;
+    }
+  }
+  if (fresh) {
+    int code = syncFreshSuite();
+    if (code == SQLITE_OK)
+      code = sqlite3_exec(db_, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
     if (code != SQLITE_OK) {
       *error = sqliteError(db_, code);
       return code;
@@ -229,6 +248,27 @@ int PreferenceStore::initialise(std::string* error) {
   return code;
 }
 
+int PreferenceStore::syncFreshSuite() {
+  // The database file's first page says it is in WAL mode: were it lost, a
+  // reopen would take the file for an empty database and delete the log with
+  // every commit in it. Synced through SQLite's own handle (a descriptor of
+  // our own, once closed, would drop SQLite's locks on the file).
+  sqlite3_file* file = nullptr;
+  if (sqlite3_file_control(db_, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+      file == nullptr || file->pMethods == nullptr) {
+    return SQLITE_IOERR;
+  }
+  int code = file->pMethods->xSync(file, SQLITE_SYNC_NORMAL);
+  if (code != SQLITE_OK) return code;
+  // The names of the file and of its log. The log's contents reach the disk
+  // with the first commit, which syncs the whole log.
+  int fd = ::open(path_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return SQLITE_IOERR;
+  code = ::fsync(fd) == 0 ? SQLITE_OK : SQLITE_IOERR_FSYNC;
+  ::close(fd);
+  return code;
+}
+
 PreferenceStore::OpenResult PreferenceStore::open(const std::filesystem::path& directory) {
   OpenResult result;
   if (directory.empty()) {
@@ -246,6 +286,7 @@ PreferenceStore::OpenResult PreferenceStore::open(const std::filesystem::path& d
       std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
   bool movedAside = false;
   for (int attempt = 1;; ++attempt) {
+    const bool fresh = std::filesystem::file_size(file, ec) == 0 || ec;
     sqlite3* db = nullptr;
     int code =
         sqlite3_open_v2(file.c_str(), &db,
@@ -256,7 +297,7 @@ PreferenceStore::OpenResult PreferenceStore::open(const std::filesystem::path& d
       sqlite3_close_v2(db);
     } else {
       std::unique_ptr<PreferenceStore> store(new PreferenceStore(db, file));
-      code = store->initialise(&error);
+      code = store->initialise(fresh, &error);
       if (code == SQLITE_OK) {
         result.store = std::move(store);
         return result;
@@ -341,15 +382,17 @@ int PreferenceStore::loadAll() {
   return SQLITE_OK;
 }
 
+bool PreferenceStore::holds(std::string_view key, const PreferenceValue* value) const {
+  auto current = rows_.find(key);
+  return value != nullptr ? current != rows_.end() && current->second == *value
+                          : current == rows_.end();
+}
+
 int PreferenceStore::writeRow(std::string_view key, const PreferenceValue* value) {
   // The copy is current, so a write that would change nothing is skipped:
   // every commit is synced to the disk, and most writes (the applied
   // document's flags, the banner's interval) repeat what is stored.
-  auto current = rows_.find(key);
-  if (value != nullptr ? current != rows_.end() && current->second == *value
-                       : current == rows_.end()) {
-    return SQLITE_OK;
-  }
+  if (holds(key, value)) return SQLITE_OK;
   sqlite3_stmt* stmt = value != nullptr ? upsert_ : delete_;
   sqlite3_bind_text(stmt, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
   if (value != nullptr) bindValue(stmt, *value);
@@ -465,16 +508,32 @@ const PreferenceValue* PreferenceStore::Transaction::find(std::string_view key) 
 }
 
 void PreferenceStore::Transaction::put(std::string_view key, PreferenceValue value) {
-  if (failure_ == SQLITE_OK) failure_ = store_.writeRow(key, &value);
+  if (probing_) {
+    changes_ = changes_ || !store_.holds(key, &value);
+  } else if (failure_ == SQLITE_OK) {
+    failure_ = store_.writeRow(key, &value);
+  }
 }
 
 void PreferenceStore::Transaction::remove(std::string_view key) {
-  if (failure_ == SQLITE_OK) failure_ = store_.writeRow(key, nullptr);
+  if (probing_) {
+    changes_ = changes_ || !store_.holds(key, nullptr);
+  } else if (failure_ == SQLITE_OK) {
+    failure_ = store_.writeRow(key, nullptr);
+  }
 }
 
 bool PreferenceStore::update(const std::function<bool(Transaction&)>& body, std::string* error) {
   operations_.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard lock(mutex_);
+  // Most updates repeat what is stored (every apply of an unchanged
+  // document), so the body first runs against the current copy. When no
+  // write of it would change anything, what it read was all current too:
+  // the update is done, without locking the file or syncing it.
+  refreshIfChanged();
+  Transaction probe(*this, true);
+  const bool wantedUnchanged = body(probe);
+  if (!probe.changes_) return wantedUnchanged;
   // IMMEDIATE takes the write lock now (waiting out other writers), so the
   // rows read below are the latest and stay so until the commit.
   int code = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
@@ -483,7 +542,7 @@ bool PreferenceStore::update(const std::function<bool(Transaction&)>& body, std:
     return false;
   }
   refreshIfChanged();
-  Transaction transaction(*this);
+  Transaction transaction(*this, false);
   const bool wanted = body(transaction);
   code = transaction.failure_;
   if (wanted && code == SQLITE_OK) {

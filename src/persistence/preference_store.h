@@ -70,8 +70,11 @@ class PreferenceStore {
 
    private:
     friend class PreferenceStore;
-    explicit Transaction(PreferenceStore& store) : store_(store) {}
+    Transaction(PreferenceStore& store, bool probing) : store_(store), probing_(probing) {}
     PreferenceStore& store_;
+    // Only notes whether a write would change anything (probing_ is set).
+    const bool probing_;
+    bool changes_ = false;
     int failure_ = 0;  // SQLite code of the first failed write
   };
 
@@ -80,7 +83,9 @@ class PreferenceStore {
   // writes land. Commits when `body` returns true and every write succeeded;
   // otherwise every key keeps its old value. Returns whether it committed;
   // `*error` says why not when SQLite refused (and stays empty when `body`
-  // chose to stop). `body` must not call back into the store.
+  // chose to stop). `body` must not call back into the store, and may be run
+  // twice: once against the copy, to find out whether it changes anything
+  // at all (when not, no transaction is begun), then for real.
   bool update(const std::function<bool(Transaction&)>& body, std::string* error);
 
   // Stores `value` under `key`. Returns false, with the reason in `*error`,
@@ -127,14 +132,19 @@ class PreferenceStore {
   using Rows = std::unordered_map<std::string, PreferenceValue, TransparentHash, std::equal_to<>>;
 
   PreferenceStore(sqlite3* db, std::filesystem::path path);
-  // Prepares statements, loads all rows. Returns the SQLite code of the first
+  // Prepares statements, loads all rows; builds the suite first when `fresh`
+  // (the file was missing or empty). Returns the SQLite code of the first
   // failure, SQLITE_OK on success.
-  int initialise(std::string* error);
+  int initialise(bool fresh, std::string* error);
+  // Makes what building a fresh suite wrote reach the disk.
+  int syncFreshSuite();
   void refreshIfChanged();
   int loadAll();
   // Runs the upsert or delete statement for one key and mirrors it in the
   // copy; the SQLite code.
   int writeRow(std::string_view key, const PreferenceValue* value);
+  // Whether `key` holds `value` (null: is absent) in the copy.
+  bool holds(std::string_view key, const PreferenceValue* value) const;
   int64_t dataVersion();
   void mapWalIndex();
   // Publishes the consents that changed since the last publication: among

@@ -68,7 +68,7 @@ void addToList(std::string_view key, PreferenceArrayElement element) {
   // Read and written in one transaction, so that two adds do not lose one.
   store->update(
       [&](detail::PreferenceStore::Transaction& transaction) {
-        transaction.put(key, detail::withElement(transaction.find(key), std::move(element)));
+        transaction.put(key, detail::withElement(transaction.find(key), element));
         return true;
       },
       &error);

@@ -6,6 +6,8 @@
 #include "pactivo/logger.h"
 #include "pactivo/user_default_manager.h"
 #include "persistence/preference_store.h"
+#include "persistence/preference_writer.h"
+#include "platform/uuid.h"
 #include "runtime/consent_feed.h"
 #include "sdk/consent_sdk_impl.h"
 #include "sdk/options_rules.h"
@@ -132,13 +134,20 @@ void ConsentSDK::Impl::setup(const ConsentSDKOptions& hostOptions) {
     discardCachedConfiguration();
   }
 
-  if (options.subjectId) UserDefaultManager::setString(keys::kSubjectId, *options.subjectId);
-
   if (options.testingMode || switchedToLive) discardCachedConfiguration();
 
-  UserDefaultManager::setString(keys::kLastModeUsed, rawValue(options.mode));
-  UserDefaultManager::setBool(keys::kIsBannerPresent, false);
-  UserDefaultManager::getSubjectId();  // creates the identity on first launch
+  // One commit, so one sync, for what setup records; none when it is all
+  // stored already.
+  detail::updatePreferences("setup", [&](detail::PreferenceWriter& writer) {
+    if (options.subjectId) writer.setString(keys::kSubjectId, *options.subjectId);
+    writer.setString(keys::kLastModeUsed, rawValue(options.mode));
+    writer.setBool(keys::kIsBannerPresent, false);
+    // The identity, made on first launch.
+    if (writer.getString(keys::kSubjectId, "").empty()) {
+      writer.setString(keys::kSubjectId, detail::makeUpperCaseUuid());
+    }
+    return true;
+  });
 
   // Choices recorded by an earlier run that ended before reporting them.
   const bool unreported = !UserDefaultManager::getPendingPurposes().empty() ||

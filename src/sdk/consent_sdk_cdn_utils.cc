@@ -1,6 +1,7 @@
 // The configuration file cache: where the document lives on disk, how it is
 // saved with a backup, and how getCDNFile() chooses between cache and fetch.
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <system_error>
 
+#include "models/json_text.h"
 #include "pactivo/locale_utils.h"
 #include "pactivo/logger.h"
 #include "pactivo/platform.h"
@@ -24,6 +26,7 @@ constexpr const char* kCdnBackupFileName = "tessarin-sdk-cdn-backup.json";
 // A cached document younger than this many seconds is used without asking.
 constexpr std::int64_t kFreshnessLimitSeconds = 3601;
 constexpr std::int64_t kDefaultDocumentVersion = 1;
+constexpr std::string_view kSaveFunction = "saveCDNToFile(config:fileName:)";
 
 }  // namespace
 
@@ -61,6 +64,8 @@ bool readWholeFile(const std::filesystem::path& path, std::string* contents, std
   }
   bool ok = ::fstat(fd, identity) == 0;
   if (ok) {
+    // Room for the decoder to read ahead, so it decodes the text in place.
+    contents->reserve(static_cast<std::size_t>(identity->st_size) + detail::kJsonReadAhead);
     contents->resize(static_cast<std::size_t>(identity->st_size));
     std::size_t done = 0;
     while (ok && done < contents->size()) {
@@ -79,28 +84,48 @@ bool readWholeFile(const std::filesystem::path& path, std::string* contents, std
   return ok;
 }
 
-// Writes `bytes` to `path` and syncs them to the disk.
-bool writeDurably(const std::filesystem::path& path, std::string_view bytes, std::string* error) {
+// Writes the encoding of `config` to `path` as it is made, and syncs it to
+// the disk. The text is never held whole: it is as large as the document's
+// bytes from the server.
+bool writeDurably(const std::filesystem::path& path, const MainConfiguration& config,
+                  std::string* error) {
   int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) {
     *error = std::strerror(errno);
     return false;
   }
-  while (!bytes.empty()) {
-    ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      *error = std::strerror(n < 0 ? errno : EIO);
-      ::close(fd);
-      return false;
+  const bool written = detail::encodeInPieces(config, [&](std::string_view bytes) {
+    while (!bytes.empty()) {
+      ssize_t n = ::write(fd, bytes.data(), bytes.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        *error = std::strerror(n < 0 ? errno : EIO);
+        return false;
+      }
+      bytes.remove_prefix(static_cast<std::size_t>(n));
     }
-    bytes.remove_prefix(static_cast<std::size_t>(n));
+    return true;
+  });
+  if (!written) {
+    ::close(fd);
+    return false;
   }
   if (::fsync(fd) != 0 || ::close(fd) != 0) {
     *error = std::strerror(errno);
     return false;
   }
   return true;
+}
+
+// Gives the memory that reading a document left free back to the system.
+// glibc keeps what a thread frees in that thread's arena, every task runs on
+// a new thread, and a new thread does not always take over the arena an
+// earlier one filled: each fetch of a 2.5 MB document left 4 to 10 MB more
+// resident than the one before.
+void releaseFreedMemory() {
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
 }
 
 // Makes the renames in `directory` survive a power cut.
@@ -158,16 +183,21 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::readCDNFile(bool isCa
       return cachedDocument_;
     }
     auto decodeFile = [&](const std::filesystem::path& path) {
-      std::string contents;
-      if (!readWholeFile(path, &contents, &error, &info)) return false;
-      auto decoded = decode<MainConfiguration>(contents);
-      if (!decoded.ok()) {
-        error = decoded.error;
-        return false;
+      bool ok = false;
+      {
+        std::string contents;
+        if (!readWholeFile(path, &contents, &error, &info)) return false;
+        auto decoded = detail::decodeText<MainConfiguration>(contents);
+        if (decoded.ok()) {
+          cachedDocument_ = std::make_shared<const MainConfiguration>(std::move(*decoded.value));
+          cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+          ok = true;
+        } else {
+          error = decoded.error;
+        }
       }
-      cachedDocument_ = std::make_shared<const MainConfiguration>(std::move(*decoded.value));
-      cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
-      return true;
+      memoryToRelease_ = true;
+      return ok;
     };
     if (decodeFile(file)) return cachedDocument_;
     // A save cut short between its two renames leaves only the backup.
@@ -192,10 +222,21 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::readCDNFile(bool isCa
   return nullptr;
 }
 
-void ConsentSDK::Impl::saveCDNToFile(const MainConfiguration& config, const std::string& fileName) {
-  constexpr std::string_view kFunction = "saveCDNToFile(config:fileName:)";
+void ConsentSDK::Impl::saveCDNToFile(MainConfiguration config, const std::string& fileName) {
+  const std::optional<std::filesystem::path> saved = writeCacheFile(std::move(config), fileName);
+  if (!saved) return;
+  detail::updatePreferences("cache bookkeeping", [&](detail::PreferenceWriter& writer) {
+    recordSave(writer, *saved);
+    return true;
+  });
+  log("CDN saved at: " + fileUrl(*saved), LogLevel::debug, kSaveFunction);
+}
+
+std::optional<std::filesystem::path> ConsentSDK::Impl::writeCacheFile(MainConfiguration config,
+                                                                      const std::string& fileName) {
+  constexpr std::string_view kFunction = kSaveFunction;
   std::filesystem::path directory = currentPlatform()->applicationSupportDirectory();
-  if (directory.empty()) return;
+  if (directory.empty()) return std::nullopt;
   std::lock_guard lock(cacheMutex_);
   std::error_code ec;
   if (!std::filesystem::exists(directory, ec)) {
@@ -203,7 +244,7 @@ void ConsentSDK::Impl::saveCDNToFile(const MainConfiguration& config, const std:
     if (ec) {
       log("Error creating Application Support directory for Tessarin Consent SDK: " + ec.message(),
           LogLevel::error, kFunction);
-      return;
+      return std::nullopt;
     }
   }
   const std::filesystem::path target = directory / fileName;
@@ -213,17 +254,17 @@ void ConsentSDK::Impl::saveCDNToFile(const MainConfiguration& config, const std:
   // kill or a power cut at any instant leaves the old document or the new
   // one, never part of one.
   std::string error;
-  if (!writeDurably(temporary, encode(config), &error)) {
+  if (!writeDurably(temporary, config, &error)) {
     log("Error saving CDN: " + error, LogLevel::error, kFunction);
     std::filesystem::remove(temporary, ec);
-    return;
+    return std::nullopt;
   }
   if (std::filesystem::exists(target, ec)) {
     std::filesystem::rename(target, backup, ec);
     if (ec) {
       log("Error creating backup: " + ec.message(), LogLevel::error, kFunction);
       std::filesystem::remove(temporary, ec);
-      return;
+      return std::nullopt;
     }
     log("Backup created: " + fileUrl(backup), LogLevel::info, kFunction);
   }
@@ -239,25 +280,28 @@ void ConsentSDK::Impl::saveCDNToFile(const MainConfiguration& config, const std:
         log("Backup restored to original: " + fileUrl(target), LogLevel::debug, kFunction);
       }
     }
-    return;
+    return std::nullopt;
   }
+  // The renames reach the disk before the bookkeeping that describes them
+  // (time, ETag) is committed: after a power cut that bookkeeping never
+  // stands beside an older file.
   syncDirectory(directory);
   // What was written decodes to `config` again, so the next read of this
-  // file needs no parse.
+  // file needs no parse, and the document is kept once, not copied.
   struct stat info {};
   if (::stat(target.c_str(), &info) == 0) {
-    cachedDocument_ = std::make_shared<const MainConfiguration>(config);
+    cachedDocument_ = std::make_shared<const MainConfiguration>(std::move(config));
     cachedIdentity_ = FileIdentity{info.st_dev, info.st_ino, info.st_size, info.st_mtim};
   }
   if (std::filesystem::exists(backup, ec)) removeCDNFile(backup);
-  // One commit, so one sync, for the bookkeeping of the save.
-  detail::updatePreferences("cache bookkeeping", [&](detail::PreferenceWriter& writer) {
-    writer.setString(keys::kCdnFileLocation, fileUrl(target));
-    writer.setInt64(keys::kCdnCachedTimestamp, detail::currentTimeSeconds());
-    writer.setString(keys::kLanguageCode, LocaleUtils::currentLanguageCode());
-    return true;
-  });
-  log("CDN saved at: " + fileUrl(target), LogLevel::debug, kFunction);
+  return target;
+}
+
+void ConsentSDK::Impl::recordSave(detail::PreferenceWriter& writer,
+                                  const std::filesystem::path& target) {
+  writer.setString(keys::kCdnFileLocation, fileUrl(target));
+  writer.setInt64(keys::kCdnCachedTimestamp, detail::currentTimeSeconds());
+  writer.setString(keys::kLanguageCode, LocaleUtils::currentLanguageCode());
 }
 
 std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
@@ -278,11 +322,13 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
     // stamped in the future (the clock was corrected backwards) as stale.
     fetch = !result || stamp == 0 || now - stamp >= kFreshnessLimitSeconds || stamp > now;
   }
+  // What a fetch leaves to record, in the commit that applies the result.
+  std::optional<std::string> etag;
+  std::optional<std::filesystem::path> saved;
   if (fetch) {
     sdkListener->setIsReady(SDKStatus::fetching);
     try {
-      MainConfiguration fetched = getCDN(*options);
-      saveCDNToFile(fetched, kCdnFileName);
+      saved = writeCacheFile(getCDN(*options, &etag), kCdnFileName);
       result = readCDNFile(false);
     } catch (const NetworkError& error) {
       if (error.kind() == NetworkError::Kind::cdnNotModified) {
@@ -293,19 +339,32 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
     } catch (const std::exception& error) {
       log(std::string("Failed to fetch CDN File: ") + error.what(), LogLevel::error, kFunction);
     }
+    memoryToRelease_ = true;
   }
-  if (result) applyConfiguration(result);
+  // One commit, so one sync, for the reply's ETag, the save's bookkeeping
+  // and the applied values; none when nothing changes.
+  applyConfiguration(result, [&](detail::PreferenceWriter& writer) {
+    if (etag) writer.setString(keys::kEtag, *etag);
+    if (saved) recordSave(writer, *saved);
+  });
+  if (saved) log("CDN saved at: " + fileUrl(*saved), LogLevel::debug, kSaveFunction);
   sdkListener->setIsReady(result ? SDKStatus::available : SDKStatus::unavailable);
+  // After readiness: nobody waits for it. The text, the parser and any
+  // replaced document are gone by now.
+  if (memoryToRelease_.exchange(false)) releaseFreedMemory();
   return result;
 }
 
 void ConsentSDK::Impl::applyConfiguration(
-    const std::shared_ptr<const MainConfiguration>& document) {
-  const MainConfiguration& config = *document;
+    const std::shared_ptr<const MainConfiguration>& document,
+    const std::function<void(detail::PreferenceWriter&)>& alsoRecord) {
   bool reConsent = false;
-  // One commit, so one sync; the values repeat on every apply, and a write
-  // that changes nothing costs nothing.
+  // The values repeat on every apply, and a write that changes nothing
+  // costs nothing.
   detail::updatePreferences("configuration", [&](detail::PreferenceWriter& writer) {
+    alsoRecord(writer);
+    if (!document) return true;
+    const MainConfiguration& config = *document;
     writer.setString(keys::kXAuthToken, config.token.value_or(""));
     writer.setBool(keys::kIsSettingsPromptEnabled, config.isSettingsPromptEnabled.value_or(false));
     writer.setBool(keys::kIsAttEnabled, config.isATTEnabled.value_or(false));
@@ -317,6 +376,7 @@ void ConsentSDK::Impl::applyConfiguration(
     writer.setInt64(keys::kSdkVersion, current);
     return true;
   });
+  if (!document) return;
 
   if (UserDefaultManager::getString(keys::kConsentGivenType, kConsentNoAction) ==
       kConsentNoAction) {

@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -17,6 +18,7 @@
 #include "pactivo/consent_sdk.h"
 #include "pactivo/platform.h"
 #include "pactivo/sdk_listener.h"
+#include "persistence/preference_writer.h"
 #include "runtime/scheduler.h"
 #include "runtime/task_runner.h"
 
@@ -46,8 +48,15 @@ class ConsentSDK::Impl {
   // used and restored. `isCache` true reads quietly.
   std::shared_ptr<const MainConfiguration> readCDNFile(bool isCache);
   // Writes `config` to `fileName` in the data directory atomically, keeping
-  // the previous file as a backup until the new one is in place.
-  void saveCDNToFile(const MainConfiguration& config, const std::string& fileName);
+  // the previous file as a backup until the new one is in place, and records
+  // the save (time, location, language).
+  void saveCDNToFile(MainConfiguration config, const std::string& fileName);
+  // The file part of saveCDNToFile(): the saved file, or nothing when the
+  // save failed (logged). The saved document becomes the cached one.
+  std::optional<std::filesystem::path> writeCacheFile(MainConfiguration config,
+                                                      const std::string& fileName);
+  // The bookkeeping of a save of `target`.
+  static void recordSave(detail::PreferenceWriter& writer, const std::filesystem::path& target);
 
   // Deletes the cached configuration file and forgets its ETag, so the next
   // fetch is unconditional.
@@ -62,8 +71,9 @@ class ConsentSDK::Impl {
   // ---- Network calls (consent_sdk_network_apis.cc) ----
 
   // Fetches the document in the current language, falling back once to the
-  // language-neutral file on 404. Throws NetworkError or TransportError.
-  MainConfiguration getCDN(const ConsentSDKOptions& options);
+  // language-neutral file on 404. Throws NetworkError or TransportError. The
+  // reply's ETag is left in `*etag` for the caller to store.
+  MainConfiguration getCDN(const ConsentSDKOptions& options, std::optional<std::string>* etag);
   // Asks the location service where the device is. Throws.
   CurrentLocationResponse fetchCurrentLocation();
   // Looks the location up and stores country, location and time; logs and
@@ -134,7 +144,10 @@ class ConsentSDK::Impl {
   // False without a preference suite or a language: the library then stays
   // unavailable and starts nothing.
   static bool usable();
-  void applyConfiguration(const std::shared_ptr<const MainConfiguration>& document);
+  // Applies `document`, when there is one, in one commit with what
+  // `alsoRecord` writes.
+  void applyConfiguration(const std::shared_ptr<const MainConfiguration>& document,
+                          const std::function<void(detail::PreferenceWriter&)>& alsoRecord);
 
   // The last document read from disk and the identity of the file it came
   // from, so that an unchanged file is not parsed again.
@@ -160,6 +173,10 @@ class ConsentSDK::Impl {
   std::optional<NetworkPathStatus> networkStatus_;
   std::map<TaskSlot, detail::TaskHandle> taskHandles_;
   bool closing_ = false;  // set by the destructor: nothing new may start
+
+  // Set when a document was read or fetched: getCDNFile() then gives the
+  // memory it used back to the system.
+  std::atomic<bool> memoryToRelease_{false};
 
   std::mutex cacheMutex_;
   // State below is guarded by cacheMutex_, which also keeps two saves from

@@ -6,11 +6,12 @@
 
 namespace pactivo {
 
-MainConfiguration ConsentSDK::Impl::getCDN(const ConsentSDKOptions& options) {
+MainConfiguration ConsentSDK::Impl::getCDN(const ConsentSDKOptions& options,
+                                           std::optional<std::string>* etag) {
   auto fetch = [&](bool languageNeutral) {
     detail::GetCDNEndPoint endPoint(options, languageNeutral);
     detail::URLRequest request = detail::RequestBuilder(endPoint, options.cdnUrl).buildRequest();
-    return networkManager->processRequest<MainConfiguration>(request);
+    return networkManager->processRequest<MainConfiguration>(request, etag);
   };
   try {
     return fetch(false);

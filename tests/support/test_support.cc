@@ -1,8 +1,14 @@
 #include "support/test_support.h"
 
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <fstream>
 #include <sstream>
@@ -31,6 +37,55 @@ TempDir::~TempDir() {
   std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
                                std::filesystem::perm_options::add, ec);
   std::filesystem::remove_all(path_, ec);
+}
+
+int loopback(int port, bool bindIt) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  bool ok = bindIt ? bind(fd, raw, length) == 0 && getsockname(fd, raw, &length) == 0
+                   : connect(fd, raw, length) == 0;
+  close(fd);
+  return ok ? ntohs(address.sin_port) : -1;
+}
+
+Program::Program(std::vector<std::string> argv) {
+  pid_ = fork();
+  if (pid_ != 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  int devnull = open("/dev/null", O_WRONLY);
+  dup2(devnull, STDOUT_FILENO);
+  dup2(devnull, STDERR_FILENO);
+  std::vector<char*> args;
+  for (auto& word : argv) args.push_back(word.data());
+  args.push_back(nullptr);
+  execvp(args[0], args.data());
+  _exit(127);
+}
+
+Program::~Program() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGTERM);
+  waitpid(pid_, nullptr, 0);
+}
+
+Nginx::Nginx(const std::filesystem::path& root, const std::string& tls) {
+  const std::string dir = temp.path().string();
+  std::filesystem::create_directories(temp.path() / "logs");
+  std::ofstream(dir + "/nginx.conf")
+      << "pid " << dir << "/nginx.pid;\nerror_log " << dir << "/logs/error.log;\n"
+      << "events { worker_connections 16; }\nhttp {\n  access_log off;\n"
+      << "  client_body_temp_path " << dir << "/body;\n"
+      << "  server { listen 127.0.0.1:" << port << (tls.empty() ? "" : " ssl") << "; root "
+      << root.string() << "; etag on; " << tls << " }\n}\n";
+  program = std::make_unique<Program>(std::vector<std::string>{"/usr/sbin/nginx", "-p", dir, "-c",
+                                                               dir + "/nginx.conf", "-g",
+                                                               "daemon off; master_process off;"});
+  eventually([this] { return loopback(port, false) == port; });
 }
 
 FakePlatform::FakePlatform(std::filesystem::path dataDirectory)

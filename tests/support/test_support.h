@@ -35,6 +35,32 @@ class TempDir {
   std::filesystem::path path_;
 };
 
+// Binds (port 0: any free one) or connects a loopback socket; the port, or -1.
+int loopback(int port, bool bindIt);
+
+// A program (found on the PATH) in the foreground until the object goes;
+// it dies with the test, and its output is discarded.
+class Program {
+ public:
+  explicit Program(std::vector<std::string> argv);
+  ~Program();
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+ private:
+  int pid_ = -1;
+};
+
+// nginx on a free loopback port, serving `root`, until the object goes; over
+// TLS when `tls` holds its directives. Made once it accepts connections (or
+// after ten seconds).
+struct Nginx {
+  explicit Nginx(const std::filesystem::path& root, const std::string& tls = "");
+  TempDir temp;
+  int port = loopback(0, true);
+  std::unique_ptr<Program> program;
+};
+
 // A platform whose every answer the test sets. Wall-clock time stands still
 // unless the test moves it.
 class FakePlatform : public Platform {
