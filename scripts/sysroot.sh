@@ -53,5 +53,8 @@ done
 find "$root" -type l -lname '/*' | while read -r link; do
   ln -sfnr "$root$(readlink "$link")" "$link"
 done
-rm -rf "$apt_dir"
+# qemu-user looks for every absolute path in the sysroot first: programs
+# left there would stand in for the build machine's own, which the tests
+# start (nginx, openssl, python3, sh), and could not be started.
+rm -rf "$apt_dir" "$root"/{bin,sbin,usr/bin,usr/sbin}
 echo "$stamp" >"$root/.packages"
