@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages Pactivo builds, tests and runs with. Packages
-# already present are not fetched again, so a second run is quick.
+# Installs the Debian packages Pactivo builds, tests and runs with, and those
+# named as arguments. Packages already present are not fetched again, so a
+# second run is quick.
 set -euo pipefail
 
 PACKAGES=(
@@ -8,6 +9,7 @@ PACKAGES=(
   libsqlite3-dev uuid-dev libcurl4-openssl-dev libssl-dev openssl python3 libsimdjson-dev rapidjson-dev
   libicu-dev libcpp-httplib-dev nginx-light iproute2
   libgtest-dev libgmock-dev googletest libbenchmark-dev python3-pytest abigail-tools
+  "$@"
 )
 
 missing=()

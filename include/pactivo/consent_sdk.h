@@ -97,8 +97,13 @@ class PACTIVO_EXPORT ConsentSDK {
 
   // The purposes with their consent: essential ones first, then those tied to
   // tracking, then the rest, each group by name. Empty without a document.
+  // "By name" is the current language's order: letter case ignored, digit
+  // runs by value ("Purpose 9" before "Purpose 10"), a plain letter before
+  // its accented forms, equal names in the document's order. A build without
+  // ICU (PACTIVO_WITH_ICU=OFF) gives the same order for text in Latin-1 and
+  // differs beyond it; the README's "Display order" lists how.
   std::vector<Purpose> getPurposeConsents();
-  // The configured permissions with their consent, by name.
+  // The configured permissions with their consent, by name (as above).
   std::vector<AppPermission> getPermissionConsents();
   std::optional<GcmConfig> getGCMConfig();
   std::optional<SettingsPrompt> getSettingsPrompt();

@@ -1,5 +1,6 @@
 # Installs the built library into a scratch prefix, then configures, builds
-# and runs a consumer with find_package(Pactivo), and checks pkg-config.
+# and runs a consumer with find_package(Pactivo), and checks pkg-config. A
+# cross build's consumer is built with its toolchain and run through its emulator.
 file(REMOVE_RECURSE ${WORK_DIR})
 set(PREFIX ${WORK_DIR}/prefix)
 
@@ -13,10 +14,12 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/install_consumer -B ${WORK_DIR}/build
-    -DCMAKE_PREFIX_PATH=${PREFIX})
+    -DCMAKE_PREFIX_PATH=${PREFIX} -DPactivo_DIR=${PREFIX}/lib/cmake/Pactivo
+    -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 set(ENV{HOME} ${WORK_DIR})
-run(${WORK_DIR}/build/consumer)
+separate_arguments(LAUNCHER UNIX_COMMAND "${LAUNCHER}")
+run(${LAUNCHER} ${WORK_DIR}/build/consumer)
 if(NOT LAST_OUTPUT MATCHES "SDK CDN is not available!")
   message(FATAL_ERROR "unexpected consumer output: ${LAST_OUTPUT}")
 endif()
