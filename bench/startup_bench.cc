@@ -51,6 +51,7 @@
 #include "models/json_text.h"
 #include "pactivo/consent_sdk.h"
 #include "pactivo/json.h"
+#include "pactivo/user_default_manager.h"
 #include "support/test_support.h"
 
 namespace pactivo {
@@ -172,7 +173,10 @@ int fetchWithCurl(const std::string& url, Results& out) {
 }
 
 // setup() to `available` in a host whose data directory is $XDG_DATA_HOME.
-int setUp(const std::string& cdnUrl, Results& out) {
+// With `refetches`, the document is then fetched again that many times, as
+// the hourly check does once the cache is stale, and "growth" is how much
+// more is resident after the last than after `available`.
+int setUp(const std::string& cdnUrl, Results& out, int refetches = 0) {
   SDKLogger::shared().setSink([](std::string_view) {});
   ConsentSDKOptions options("http://127.0.0.1:9/", cdnUrl, kTenant, kApplication, false,
                             LogLevel::error, 1800, std::nullopt, "en", std::nullopt,
@@ -200,7 +204,14 @@ int setUp(const std::string& cdnUrl, Results& out) {
   out["rss"] = residentBytes() - before;
   out["seconds"] = std::chrono::duration<double>(end - start).count();
   out["peak"] = peakResidentBytes() - before;
-  std::fflush(stdout);
+  lock.unlock();
+  const double available = residentBytes();
+  for (int i = 0; i < refetches; ++i) {
+    UserDefaultManager::setInt64(keys::kCdnCachedTimestamp, 0);  // stale: fetch
+    UserDefaultManager::clearETag();                             // a whole reply, not a 304
+    sdk.checkConsents();
+  }
+  if (refetches > 0) out["growth"] = residentBytes() - available;
   // Teardown is not start-up; every write that matters is committed.
   return *outcome == SDKStatus::available ? 0 : 1;
 }
@@ -260,6 +271,7 @@ int runChild(const std::vector<std::string>& args) {
   const std::string& mode = args.at(0);
   if (mode == "curl") code = fetchWithCurl(args.at(1), out);
   if (mode == "setup") code = setUp(args.at(1), out);
+  if (mode == "refetch") code = setUp(args.at(1), out, 4);
   if (mode == "read") code = readAndDecode(args.at(1), out);
   if (mode == "decode") code = decodeSpeed(args.at(1), out);
   for (const auto& [key, value] : out) std::printf("%s %.9g\n", key.c_str(), value);
@@ -388,9 +400,12 @@ int runParent(int runs) {
       auto cold = inChild({"setup", cdnUrl}, home.path().string());
       auto warm = inChild({"setup", cdnUrl}, home.path().string());
       auto read = inChild({"read", cacheFile.string()});
-      if (!curl || !cold || !warm || !read) {
-        std::fprintf(stderr, "run %d, %s: failed:%s%s%s%s\n", run, d.label, curl ? "" : " curl",
-                     cold ? "" : " cold", warm ? "" : " warm", read ? "" : " read");
+      testing::TempDir refetchHome;
+      auto refetch = inChild({"refetch", cdnUrl}, refetchHome.path().string());
+      if (!curl || !cold || !warm || !read || !refetch) {
+        std::fprintf(stderr, "run %d, %s: failed:%s%s%s%s%s\n", run, d.label, curl ? "" : " curl",
+                     cold ? "" : " cold", warm ? "" : " warm", read ? "" : " read",
+                     refetch ? "" : " refetch");
         return 1;
       }
       const double size = static_cast<double>(d.text.size());
@@ -405,6 +420,7 @@ int runParent(int runs) {
       keep("rss", (*cold)["rss"]);
       keep("peak", (*cold)["peak"]);
       keep("rss ratio", (*cold)["rss"] / size);
+      keep("refetch growth", (*refetch)["growth"]);
       keep("read", (*read)["seconds"]);
       keep("read cpu", (*read)["cpu"]);
       keep("warm", (*warm)["seconds"]);
@@ -462,6 +478,8 @@ int runParent(int runs) {
                 "memory after available", static_cast<double>(d.text.size()) / 1e6,
                 d.median("rss") / 1e6, d.median("rss ratio"), d.median("peak") / 1e6,
                 d.median("cold faults"));
+    std::printf("  %-26s %12s %9.2f MB\n", "growth over 4 re-fetches", "",
+                d.median("refetch growth") / 1e6);
     std::printf("  %-26s %9.3f ms %9.3f ms %7.0f%%  >= 40%%\n", "decode (CPU), share",
                 ms(d.median("parse")), ms(d.median("decode")), 100 * d.median("share"));
     std::printf("  %-26s %9.2f ms %9.2f ms %8.2f  <= 1.5\n", "warm start (wall)",

@@ -222,20 +222,10 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::readCDNFile(bool isCa
   return nullptr;
 }
 
-void ConsentSDK::Impl::saveCDNToFile(MainConfiguration config, const std::string& fileName) {
-  const std::optional<std::filesystem::path> saved = writeCacheFile(std::move(config), fileName);
-  if (!saved) return;
-  detail::updatePreferences("cache bookkeeping", [&](detail::PreferenceWriter& writer) {
-    recordSave(writer, *saved);
-    return true;
-  });
-  log("CDN saved at: " + fileUrl(*saved), LogLevel::debug, kSaveFunction);
-}
-
-std::optional<std::filesystem::path> ConsentSDK::Impl::writeCacheFile(MainConfiguration config,
-                                                                      const std::string& fileName) {
+std::optional<std::filesystem::path> ConsentSDK::Impl::saveCDNToFile(MainConfiguration config,
+                                                                     const std::string& fileName) {
   constexpr std::string_view kFunction = kSaveFunction;
-  std::filesystem::path directory = currentPlatform()->applicationSupportDirectory();
+  const std::filesystem::path directory = currentPlatform()->applicationSupportDirectory();
   if (directory.empty()) return std::nullopt;
   std::lock_guard lock(cacheMutex_);
   std::error_code ec;
@@ -328,7 +318,7 @@ std::shared_ptr<const MainConfiguration> ConsentSDK::Impl::getCDNFile() {
   if (fetch) {
     sdkListener->setIsReady(SDKStatus::fetching);
     try {
-      saved = writeCacheFile(getCDN(*options, &etag), kCdnFileName);
+      saved = saveCDNToFile(getCDN(*options, &etag), kCdnFileName);
       result = readCDNFile(false);
     } catch (const NetworkError& error) {
       if (error.kind() == NetworkError::Kind::cdnNotModified) {

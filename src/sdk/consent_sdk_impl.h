@@ -48,14 +48,13 @@ class ConsentSDK::Impl {
   // used and restored. `isCache` true reads quietly.
   std::shared_ptr<const MainConfiguration> readCDNFile(bool isCache);
   // Writes `config` to `fileName` in the data directory atomically, keeping
-  // the previous file as a backup until the new one is in place, and records
-  // the save (time, location, language).
-  void saveCDNToFile(MainConfiguration config, const std::string& fileName);
-  // The file part of saveCDNToFile(): the saved file, or nothing when the
-  // save failed (logged). The saved document becomes the cached one.
-  std::optional<std::filesystem::path> writeCacheFile(MainConfiguration config,
-                                                      const std::string& fileName);
-  // The bookkeeping of a save of `target`.
+  // the previous file as a backup until the new one is in place; the saved
+  // document becomes the cached one. The saved file, or nothing when the save
+  // failed (logged). Its bookkeeping is the caller's to record, with
+  // recordSave(), in the commit that applies the document.
+  std::optional<std::filesystem::path> saveCDNToFile(MainConfiguration config,
+                                                     const std::string& fileName);
+  // The bookkeeping of a save of `target`: location, time and language.
   static void recordSave(detail::PreferenceWriter& writer, const std::filesystem::path& target);
 
   // Deletes the cached configuration file and forgets its ETag, so the next
