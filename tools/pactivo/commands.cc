@@ -62,12 +62,25 @@ std::string consentText(std::optional<ConsentStatus> consent) {
 }
 
 std::string describe(const ConsentChanges& delivery) {
-  std::string line = "consents (" + std::string(rawValue(delivery.cause)) + "):";
+  // Appended piece by piece: GCC 12 at -O2 takes "text" + std::string&& for
+  // an overlapping copy (-Wrestrict).
+  std::string line = "consents (";
+  line += rawValue(delivery.cause);
+  line += "):";
   if (delivery.changes.empty()) line += " none";
   for (const ConsentChange& change : delivery.changes) {
-    line += change.purposeId ? " purpose " + std::to_string(*change.purposeId)
-                             : " " + change.permission.value_or("");
-    line += " " + consentText(change.before) + " -> " + consentText(change.after) + ",";
+    line += ' ';
+    if (change.purposeId) {
+      line += "purpose ";
+      line += std::to_string(*change.purposeId);
+    } else {
+      line += change.permission.value_or("");
+    }
+    line += ' ';
+    line += consentText(change.before);
+    line += " -> ";
+    line += consentText(change.after);
+    line += ',';
   }
   if (line.back() == ',') line.pop_back();
   return line;
