@@ -183,8 +183,6 @@ TEST_F(ConsentObserverTest, AnotherProcessesChangesArriveOnceAndInOrder) {
     EXPECT_EQ(lines[1 + i], std::string(R"({"cause":"other_process","changes":[{"purpose_id":7,)") +
                                 "\"before\":" + before + ",\"after\":" + after + "}]}");
   }
-  close(seenPipe[0]);
-  close(seenPipe[1]);
   // The suite deleted under the observer: it follows the new, empty one.
   for (const char* suffix : {"", "-wal", "-shm"}) {
     std::filesystem::remove(scoped_.dataDirectory() /
@@ -193,6 +191,9 @@ TEST_F(ConsentObserverTest, AnotherProcessesChangesArriveOnceAndInOrder) {
   ASSERT_TRUE(seen.reach(2 + rounds));
   EXPECT_NE(seen.lines().back().find(R"({"purpose_id":7,"before":"declined","after":null})"),
             std::string::npos);
+  observation.cancel();  // its callback writes to the pipe
+  close(seenPipe[0]);
+  close(seenPipe[1]);
 }
 
 TEST_F(ConsentObserverTest, TheCInterfaceDeliversJsonUntilCancelled) {
