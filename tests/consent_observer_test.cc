@@ -79,7 +79,10 @@ TEST_F(ConsentObserverTest, EveryCommitOnceWithItsCause) {
   ConsentObservation observation = seen.observe(*sdk_);
   ASSERT_TRUE(seen.reach(1));
   EXPECT_TRUE(threadNamed("pactivo-events"));
-  setupThroughPrefill();
+  sdk_->setup(options());
+  // 700 purposes take a while under emulation.
+  ASSERT_TRUE(eventually([&] { return app_.requestCount() == 1; }, 60s)) << log_.text();
+  impl_.waitUntilIdle();
   ASSERT_TRUE(seen.reach(2));
   ASSERT_TRUE(sdk_->set(purpose(2), S::granted));
   ASSERT_TRUE(sdk_->set(purpose(2), S::granted));  // no change, no delivery
