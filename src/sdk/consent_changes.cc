@@ -9,24 +9,6 @@
 
 namespace pactivo {
 
-std::string_view rawValue(ConsentChangeCause cause) {
-  switch (cause) {
-    case ConsentChangeCause::currentState:
-      return "current_state";
-    case ConsentChangeCause::host:
-      return "host";
-    case ConsentChangeCause::checkCycle:
-      return "check_cycle";
-    case ConsentChangeCause::configuration:
-      return "configuration";
-    case ConsentChangeCause::removal:
-      return "removal";
-    case ConsentChangeCause::otherProcess:
-      return "other_process";
-  }
-  return "";
-}
-
 std::string encode(const ConsentChanges& changes) {
   rapidjson::StringBuffer buffer;
   rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);

@@ -1,6 +1,7 @@
 #include <array>
 #include <utility>
 
+#include "pactivo/consent_changes.h"
 #include "pactivo/enums.h"
 
 namespace pactivo {
@@ -14,6 +15,14 @@ constexpr Table<ConsentStatus, 4> kConsentStatus{{
     {ConsentStatus::declined, "declined"},
     {ConsentStatus::notDetermined, "not_determined"},
     {ConsentStatus::withDrawn, "withdrawn"},
+}};
+constexpr Table<ConsentChangeCause, 6> kConsentChangeCause{{
+    {ConsentChangeCause::currentState, "current_state"},
+    {ConsentChangeCause::host, "host"},
+    {ConsentChangeCause::checkCycle, "check_cycle"},
+    {ConsentChangeCause::configuration, "configuration"},
+    {ConsentChangeCause::removal, "removal"},
+    {ConsentChangeCause::otherProcess, "other_process"},
 }};
 constexpr Table<ComplianceType, 3> kComplianceType{{
     {ComplianceType::noticeOnly, "notice-only"},
@@ -110,6 +119,10 @@ PACTIVO_RAW_VALUE(PermissionStatus, kPermissionStatus)
 PACTIVO_RAW_VALUE(HttpMethod, kHttpMethod)
 
 #undef PACTIVO_RAW_VALUE
+
+std::string_view rawValue(ConsentChangeCause value) {
+  return lookupText(kConsentChangeCause, value);
+}
 
 std::optional<SDKStatus> sdkStatusFromRawValue(int value) {
   if (value < 0 || value > 2) return std::nullopt;
