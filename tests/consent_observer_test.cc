@@ -15,31 +15,32 @@ namespace {
 using namespace std::chrono_literals;
 using testing::eventually;
 using S = ConsentStatus;
+using U = UserDefaultManager;
 
-// The deliveries an observer received, as JSON lines.
-class Deliveries {
- public:
+// The deliveries an observer received, as JSON lines; a C callback's state too.
+struct Deliveries {
+  static void add(const char* json, void* self) {
+    auto* deliveries = static_cast<Deliveries*>(self);
+    std::lock_guard lock(deliveries->mutex);
+    deliveries->json.emplace_back(json);
+  }
   ConsentObservation observe(ConsentSDK& sdk,
-                             std::function<void(const ConsentChanges&)> also = nullptr) {
+                             std::function<void(const ConsentChanges&)> also = {}) {
     return sdk.observeConsents([this, also](const ConsentChanges& changes) {
-      {
-        std::lock_guard lock(mutex_);
-        lines_.push_back(encode(changes));
-      }
+      add(encode(changes).c_str(), this);
       if (also) also(changes);
     });
   }
   std::vector<std::string> lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
+    std::lock_guard lock(mutex);
+    return json;
   }
   bool reach(std::size_t count) const {
     return eventually([&] { return lines().size() >= count; });
   }
 
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
+  mutable std::mutex mutex;
+  std::vector<std::string> json;
 };
 
 bool threadNamed(const std::string& name) {
@@ -63,16 +64,15 @@ TEST_F(ConsentObserverTest, EveryCommitOnceWithItsCause) {
   // 700 purposes: the prefill records them in one commit, one delivery.
   MainConfiguration large = testing::exampleConfiguration();
   std::vector<Purpose>& purposes = *large.purposes;
-  const Purpose model = purposes.at(1);
   for (std::int64_t id = 100; purposes.size() < 700; ++id) {
-    purposes.push_back(model);
+    purposes.push_back(purposes.at(1));
     purposes.back().purposeId = id;
   }
   cdn_.respond(200, encode(large));
   // Without an observer, writes start no thread (unless an earlier test in
   // this process observed).
   if (!threadNamed("pactivo-events")) {
-    UserDefaultManager::setString(keys::kBannerInterval, "1 month");
+    U::setString(keys::kBannerInterval, "1 month");
     EXPECT_FALSE(threadNamed("pactivo-events"));
   }
   Deliveries seen;
@@ -86,7 +86,7 @@ TEST_F(ConsentObserverTest, EveryCommitOnceWithItsCause) {
   ASSERT_TRUE(seen.reach(2));
   ASSERT_TRUE(sdk_->set(purpose(2), S::granted));
   ASSERT_TRUE(sdk_->set(purpose(2), S::granted));  // no change, no delivery
-  UserDefaultManager::setPermissionConsent(LumariKey::cameraUsageDescription, S::granted);
+  U::setPermissionConsent(LumariKey::cameraUsageDescription, S::granted);
   // A later observer starts from what is stored now.
   Deliveries late;
   ConsentObservation second = late.observe(*sdk_);
@@ -96,6 +96,7 @@ TEST_F(ConsentObserverTest, EveryCommitOnceWithItsCause) {
   sdk_->removeConsents();
   ASSERT_TRUE(seen.reach(5));
   const auto lines = seen.lines();
+  ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[0], R"({"cause":"current_state","changes":[]})");
   EXPECT_EQ(
       lines[1].rfind(R"({"cause":"check_cycle","changes":[{"purpose_id":1,"before":null,)", 0), 0u);
@@ -115,16 +116,12 @@ TEST_F(ConsentObserverTest, CallbacksMayCallInCancelThemselvesAndThrow) {
   // The first observer answers a change with a choice of its own, then
   // cancels itself from inside its callback; the second throws every time.
   ConsentObservation first;
-  std::atomic<int> firstCalls{0};
-  Deliveries answered;
+  Deliveries answered, thrown;
   first = answered.observe(*sdk_, [&](const ConsentChanges& changes) {
-    if (++firstCalls == 2) {
-      EXPECT_EQ(changes.cause, ConsentChangeCause::host);
-      EXPECT_TRUE(sdk_->set(purpose(4), S::granted));
-      first.cancel();
-    }
+    if (changes.cause != ConsentChangeCause::host) return;
+    EXPECT_TRUE(sdk_->set(purpose(4), S::granted));
+    first.cancel();
   });
-  Deliveries thrown;
   ConsentObservation second =
       thrown.observe(*sdk_, [](const ConsentChanges&) { throw std::runtime_error("boom"); });
   ASSERT_TRUE(thrown.reach(1));
@@ -144,9 +141,8 @@ TEST_F(ConsentObserverTest, TeardownWaitsForTheDeliveryInFlight) {
   setupThroughPrefill();
   std::atomic<bool> inside{false}, finished{false};
   std::atomic<int> calls{0};
-  ConsentObservation observation = sdk_->observeConsents([&](const ConsentChanges& changes) {
-    ++calls;
-    if (changes.cause != ConsentChangeCause::host) return;
+  ConsentObservation observation = sdk_->observeConsents([&](const ConsentChanges&) {
+    if (++calls != 2) return;
     inside = true;
     std::this_thread::sleep_for(200ms);
     finished = true;
@@ -155,7 +151,7 @@ TEST_F(ConsentObserverTest, TeardownWaitsForTheDeliveryInFlight) {
   ASSERT_TRUE(eventually([&] { return inside.load(); }));
   sdk_.reset();
   EXPECT_TRUE(finished);
-  UserDefaultManager::setPurposeConsent("2", S::declined);
+  U::setPurposeConsent("2", S::declined);
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(calls, 2);  // the observation ended with its facade
 }
@@ -170,30 +166,29 @@ TEST_F(ConsentObserverTest, AnotherProcessesChangesArriveOnceAndInOrder) {
     if (changes.cause == ConsentChangeCause::otherProcess) (void)!write(seenPipe[1], "x", 1);
   });
   ASSERT_TRUE(seen.reach(1));
-  const int rounds = 6;
+  const char* values[] = {"null", R"("granted")", R"("declined")"};
+  std::vector<std::string> expected = seen.lines();
   const int status = testing::runInChild([&] {
     char byte;
-    for (int i = 0; i < rounds; ++i) {
-      UserDefaultManager::setPurposeConsent("7", i % 2 ? S::declined : S::granted);
+    for (int i = 0; i < 6; ++i) {
+      U::setPurposeConsent("7", i % 2 ? S::declined : S::granted);
       if (read(seenPipe[0], &byte, 1) != 1) return 1;
     }
     return 0;
   });
   EXPECT_EQ(status, 0);
-  const auto lines = seen.lines();
-  ASSERT_EQ(lines.size(), 1u + rounds);
-  for (int i = 0; i < rounds; ++i) {
-    const char* before = i == 0 ? "null" : i % 2 ? "\"granted\"" : "\"declined\"";
-    const char* after = i % 2 ? "\"declined\"" : "\"granted\"";
-    EXPECT_EQ(lines[1 + i], std::string(R"({"cause":"other_process","changes":[{"purpose_id":7,)") +
-                                "\"before\":" + before + ",\"after\":" + after + "}]}");
+  for (int i = 0; i < 6; ++i) {
+    expected.push_back(std::string(R"({"cause":"other_process","changes":[{"purpose_id":7,)") +
+                       "\"before\":" + values[i == 0 ? 0 : 2 - i % 2] +
+                       ",\"after\":" + values[1 + i % 2] + "}]}");
   }
+  EXPECT_EQ(seen.lines(), expected);
   // The suite deleted under the observer: it follows the new, empty one.
   for (const char* suffix : {"", "-wal", "-shm"}) {
     std::filesystem::remove(scoped_.dataDirectory() /
                             ("tessarin-cmp-sdk.sqlite" + std::string(suffix)));
   }
-  ASSERT_TRUE(seen.reach(2 + rounds));
+  ASSERT_TRUE(seen.reach(expected.size() + 1));
   EXPECT_NE(seen.lines().back().find(R"({"purpose_id":7,"before":"declined","after":null})"),
             std::string::npos);
   observation.cancel();  // its callback writes to the pipe
@@ -205,33 +200,22 @@ TEST_F(ConsentObserverTest, TheCInterfaceDeliversJsonUntilCancelled) {
   setupThroughPrefill();
   pactivo_sdk* sdk = nullptr;
   ASSERT_EQ(pactivo_sdk_new(&sdk), PACTIVO_OK);
-  struct Seen {
-    std::mutex mutex;
-    std::vector<std::string> lines;
-  } seen;
-  auto callback = [](const char* json, void* state) {
-    auto* s = static_cast<Seen*>(state);
-    std::lock_guard lock(s->mutex);
-    s->lines.emplace_back(json);
-  };
-  auto count = [&] {
-    std::lock_guard lock(seen.mutex);
-    return seen.lines.size();
-  };
+  Deliveries seen;
   pactivo_observation* observation = nullptr;
   EXPECT_EQ(pactivo_observe_consents(sdk, nullptr, &seen, &observation), PACTIVO_MISUSE);
-  EXPECT_EQ(pactivo_observe_consents(nullptr, callback, &seen, &observation), PACTIVO_MISUSE);
-  ASSERT_EQ(pactivo_observe_consents(sdk, callback, &seen, &observation), PACTIVO_OK);
-  UserDefaultManager::setPurposeConsent("2", S::granted);
-  ASSERT_TRUE(eventually([&] { return count() == 2; }));
-  EXPECT_EQ(
-      seen.lines[1],
-      R"({"cause":"host","changes":[{"purpose_id":2,"before":"declined","after":"granted"}]})");
+  EXPECT_EQ(pactivo_observe_consents(nullptr, Deliveries::add, &seen, &observation),
+            PACTIVO_MISUSE);
+  ASSERT_EQ(pactivo_observe_consents(sdk, Deliveries::add, &seen, &observation), PACTIVO_OK);
+  U::setPurposeConsent("2", S::granted);
+  ASSERT_TRUE(seen.reach(2));
   EXPECT_EQ(pactivo_observation_cancel(observation), PACTIVO_OK);
   EXPECT_EQ(pactivo_observation_cancel(nullptr), PACTIVO_OK);
-  UserDefaultManager::setPurposeConsent("2", S::declined);
+  U::setPurposeConsent("2", S::declined);
   std::this_thread::sleep_for(50ms);
-  EXPECT_EQ(count(), 2u);
+  EXPECT_EQ(
+      seen.lines().at(1),
+      R"({"cause":"host","changes":[{"purpose_id":2,"before":"declined","after":"granted"}]})");
+  EXPECT_EQ(seen.lines().size(), 2u);
   EXPECT_EQ(pactivo_sdk_destroy(sdk), PACTIVO_OK);
 }
 
