@@ -124,8 +124,7 @@ TEST_F(ConsentAnswerTest, OptionsWrittenAfterConstructionObeyTheRules) {
 }
 
 TEST_F(ConsentAnswerTest, ChecksNeverOverlap) {
-  std::atomic<int> inFlight{0};
-  std::atomic<int> most{0};
+  std::atomic<int> inFlight{0}, most{0};
   setupThroughPrefill();
   app_.setHandler([&](const httplib::Request&, httplib::Response& response) {
     const int now = ++inFlight;
@@ -137,10 +136,7 @@ TEST_F(ConsentAnswerTest, ChecksNeverOverlap) {
   // Every tick finds an upload pending; ticks come faster than checks end.
   U::setBool(keys::kUploadConsentRequestPending, true);
   const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < 20; ++i) {
-    impl_.scheduleConsentCheck();
-    std::this_thread::sleep_for(10ms);
-  }
+  for (int i = 0; i < 20; ++i, std::this_thread::sleep_for(10ms)) impl_.scheduleConsentCheck();
   // Each check takes 100 ms: ticks during one fold into a single follow-up.
   const auto checksPossible = (std::chrono::steady_clock::now() - start) / 100ms + 2;
   impl_.waitUntilIdle();

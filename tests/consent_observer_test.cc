@@ -114,9 +114,10 @@ TEST_F(ConsentObserverTest, EveryCommitOnceWithItsCause) {
 TEST_F(ConsentObserverTest, CallbacksMayCallInCancelThemselvesAndThrow) {
   setupThroughPrefill();
   // The first observer answers a change with a choice of its own, then
-  // cancels itself from inside its callback; the second throws every time.
+  // cancels itself from inside its callback; the second throws every time; the
+  // third, through the C interface, is cancelled before the last change.
   ConsentObservation first;
-  Deliveries answered, thrown;
+  Deliveries answered, thrown, viaC;
   first = answered.observe(*sdk_, [&](const ConsentChanges& changes) {
     if (changes.cause != ConsentChangeCause::host) return;
     EXPECT_TRUE(sdk_->set(purpose(4), S::granted));
@@ -124,17 +125,29 @@ TEST_F(ConsentObserverTest, CallbacksMayCallInCancelThemselvesAndThrow) {
   });
   ConsentObservation second =
       thrown.observe(*sdk_, [](const ConsentChanges&) { throw std::runtime_error("boom"); });
-  ASSERT_TRUE(thrown.reach(1));
+  pactivo_sdk* sdk = nullptr;
+  pactivo_observation* third = nullptr;
+  ASSERT_EQ(pactivo_sdk_new(&sdk), PACTIVO_OK);
+  EXPECT_EQ(pactivo_observe_consents(sdk, nullptr, &viaC, &third), PACTIVO_MISUSE);
+  EXPECT_EQ(pactivo_observe_consents(nullptr, Deliveries::add, &viaC, &third), PACTIVO_MISUSE);
+  ASSERT_EQ(pactivo_observe_consents(sdk, Deliveries::add, &viaC, &third), PACTIVO_OK);
+  ASSERT_TRUE(thrown.reach(1) && viaC.reach(1));
   ASSERT_TRUE(sdk_->set(purpose(2), S::granted));
-  ASSERT_TRUE(thrown.reach(3));  // current state, purpose 2, then purpose 4 from the callback
+  // Current state, purpose 2, then purpose 4 from the first callback.
+  ASSERT_TRUE(thrown.reach(3) && viaC.reach(3));
+  EXPECT_EQ(pactivo_observation_cancel(third), PACTIVO_OK);
+  EXPECT_EQ(pactivo_observation_cancel(nullptr), PACTIVO_OK);
   ASSERT_TRUE(sdk_->set(purpose(10), S::granted));
   ASSERT_TRUE(thrown.reach(4));
-  EXPECT_EQ(answered.lines().size(), 2u);
   EXPECT_EQ(sdk_->get(4), S::granted);
+  EXPECT_EQ(answered.lines().size(), 2u);
+  const auto lines = thrown.lines();
+  EXPECT_EQ(viaC.lines(), std::vector(lines.begin(), lines.begin() + 3));  // the same JSON
   // The fourth delivery is recorded before its callback throws.
   EXPECT_TRUE(eventually([&] { return log_.count("[ERROR] [consent_feed.cc") == 4; }))
       << log_.text();
   EXPECT_TRUE(log_.contains("observeConsents(_:) - Consent observer threw: boom"));
+  EXPECT_EQ(pactivo_sdk_destroy(sdk), PACTIVO_OK);
 }
 
 TEST_F(ConsentObserverTest, TeardownWaitsForTheDeliveryInFlight) {
@@ -194,29 +207,6 @@ TEST_F(ConsentObserverTest, AnotherProcessesChangesArriveOnceAndInOrder) {
   observation.cancel();  // its callback writes to the pipe
   close(seenPipe[0]);
   close(seenPipe[1]);
-}
-
-TEST_F(ConsentObserverTest, TheCInterfaceDeliversJsonUntilCancelled) {
-  setupThroughPrefill();
-  pactivo_sdk* sdk = nullptr;
-  ASSERT_EQ(pactivo_sdk_new(&sdk), PACTIVO_OK);
-  Deliveries seen;
-  pactivo_observation* observation = nullptr;
-  EXPECT_EQ(pactivo_observe_consents(sdk, nullptr, &seen, &observation), PACTIVO_MISUSE);
-  EXPECT_EQ(pactivo_observe_consents(nullptr, Deliveries::add, &seen, &observation),
-            PACTIVO_MISUSE);
-  ASSERT_EQ(pactivo_observe_consents(sdk, Deliveries::add, &seen, &observation), PACTIVO_OK);
-  U::setPurposeConsent("2", S::granted);
-  ASSERT_TRUE(seen.reach(2));
-  EXPECT_EQ(pactivo_observation_cancel(observation), PACTIVO_OK);
-  EXPECT_EQ(pactivo_observation_cancel(nullptr), PACTIVO_OK);
-  U::setPurposeConsent("2", S::declined);
-  std::this_thread::sleep_for(50ms);
-  EXPECT_EQ(
-      seen.lines().at(1),
-      R"({"cause":"host","changes":[{"purpose_id":2,"before":"declined","after":"granted"}]})");
-  EXPECT_EQ(seen.lines().size(), 2u);
-  EXPECT_EQ(pactivo_sdk_destroy(sdk), PACTIVO_OK);
 }
 
 }  // namespace
