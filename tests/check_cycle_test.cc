@@ -52,11 +52,9 @@ TEST_F(CheckCycleTest, PrefillUploadsTheDefaultsOfAUserWhoHasNotChosen) {
                        U::getString(keys::kBannerInterval, "")),
             std::tuple(kConsentImplicit, false, Ids{}, "6 month"));
   EXPECT_TRUE(log_.contains("uploadConsents(url:request:) - Consents saved"));
-}
 
-TEST_F(CheckCycleTest, ExplicitChoicesAreReportedWithinSecondsAndOnce) {
-  setupThroughPrefill();
-  // A burst of choices is one upload, two seconds after the first.
+  // Explicit choices are reported within seconds: a burst is one upload, two
+  // seconds after the first choice.
   ASSERT_TRUE(sdk_->set(purpose(2), S::granted));
   clock_->advance(1s);
   ASSERT_TRUE(sdk_->set(purpose(2), S::granted));
