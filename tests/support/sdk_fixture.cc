@@ -55,8 +55,4 @@ std::vector<std::string> SdkTest::cdnPaths() const {
   return paths;
 }
 
-std::filesystem::path SdkTest::cacheFile() const {
-  return scoped_.dataDirectory() / "tessarin-sdk-cdn.json";
-}
-
 }  // namespace pactivo::testing

@@ -46,7 +46,9 @@ class SdkTest : public ::testing::Test {
   // The upload the application server received `index`-th, decoded.
   PostConsentsRequest upload(std::size_t index) const;
   std::vector<std::string> cdnPaths() const;
-  std::filesystem::path cacheFile() const;
+  std::filesystem::path cacheFile() const {
+    return scoped_.dataDirectory() / "tessarin-sdk-cdn.json";
+  }
   FakePlatform& platform() { return scoped_.platform(); }
 
   ScopedPlatform scoped_;

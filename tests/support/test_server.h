@@ -6,7 +6,6 @@
 #include <httplib.h>
 
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -17,14 +16,17 @@ namespace pactivo::testing {
 struct RecordedRequest {
   std::string method;
   std::string path;
-  std::multimap<std::string, std::string> headers;  // as httplib reports them
+  httplib::Headers headers;  // found in any letter case
   std::string body;
 
   // The value of header `name` (any letter case), or "" when absent.
-  std::string header(const std::string& name) const;
-  bool hasHeader(const std::string& name) const;
+  std::string header(const std::string& name) const {
+    return hasHeader(name) ? headers.find(name)->second : "";
+  }
+  bool hasHeader(const std::string& name) const { return headers.count(name) > 0; }
 };
 
+// Neither server can be copied: each owns a listening thread.
 class TestServer {
  public:
   // Answers a request; the default answers 404.
@@ -32,11 +34,9 @@ class TestServer {
 
   TestServer();
   ~TestServer();
-  TestServer(const TestServer&) = delete;
-  TestServer& operator=(const TestServer&) = delete;
 
   // "http://127.0.0.1:PORT/".
-  std::string baseUrl() const;
+  std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
   int port() const { return port_; }
 
   void setHandler(Handler handler);
@@ -44,12 +44,10 @@ class TestServer {
   void respond(int status, std::string body, std::string etag = "");
 
   std::vector<RecordedRequest> requests() const;
-  std::size_t requestCount() const;
+  std::size_t requestCount() const { return requests().size(); }
   void clearRequests();
 
  private:
-  void handle(const httplib::Request& request, httplib::Response& response);
-
   httplib::Server server_;
   int port_ = 0;
   std::thread thread_;
@@ -65,16 +63,14 @@ class RawServer {
  public:
   explicit RawServer(std::string body);
   ~RawServer();
-  RawServer(const RawServer&) = delete;
-  RawServer& operator=(const RawServer&) = delete;
 
-  std::string baseUrl() const;
+  std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
   // The request, head and body; waits for it to arrive.
   std::string request();
 
  private:
+  int port_ = 0;  // before listener_, which sets it
   int listener_ = -1;
-  int port_ = 0;
   std::string received_;
   std::thread thread_;
 };

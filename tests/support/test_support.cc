@@ -10,8 +10,9 @@
 
 #include <csignal>
 
+#include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <thread>
 
 #include "pactivo/locale_utils.h"
@@ -19,38 +20,39 @@
 
 namespace pactivo::testing {
 
+namespace fs = std::filesystem;
+
 TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "pactivo-test-XXXXXX").string();
-  char* created = mkdtemp(pattern.data());
-  if (created == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = created;
+  std::string pattern = (fs::temp_directory_path() / "pactivo-test-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
 }
 
 TempDir::~TempDir() {
   std::error_code ec;
-  // A test may have made parts read-only; give them back before removal.
-  for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
-       it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-    std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
-                                 std::filesystem::perm_options::add, ec);
+  // A test may have made parts read-only; give them back, each directory
+  // before the walk enters it, before removal.
+  fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ec);
+  for (fs::recursive_directory_iterator it(path_, ec), end; it != end; it.increment(ec)) {
+    fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
   }
-  std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
-                               std::filesystem::perm_options::add, ec);
-  std::filesystem::remove_all(path_, ec);
+  fs::remove_all(path_, ec);
 }
 
-int loopback(int port, bool bindIt) {
+int loopbackSocket(int& port, bool bindIt) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address{AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t length = sizeof address;
   auto* raw = reinterpret_cast<sockaddr*>(&address);
   bool ok = bindIt ? bind(fd, raw, length) == 0 && getsockname(fd, raw, &length) == 0
                    : connect(fd, raw, length) == 0;
-  close(fd);
-  return ok ? ntohs(address.sin_port) : -1;
+  port = ok ? ntohs(address.sin_port) : -1;
+  return fd;
+}
+
+int loopback(int port, bool bindIt) {
+  close(loopbackSocket(port, bindIt));
+  return port;
 }
 
 Program::Program(std::vector<std::string> argv) {
@@ -73,82 +75,50 @@ Program::~Program() {
   waitpid(pid_, nullptr, 0);
 }
 
-Nginx::Nginx(const std::filesystem::path& root, const std::string& tls) {
+Nginx::Nginx(const fs::path& root, const std::string& tls) {
   const std::string dir = temp.path().string();
-  std::filesystem::create_directories(temp.path() / "logs");
+  fs::create_directories(temp.path() / "logs");
   std::ofstream(dir + "/nginx.conf")
-      << "pid " << dir << "/nginx.pid;\nerror_log " << dir << "/logs/error.log;\n"
-      << "events { worker_connections 16; }\nhttp {\n  access_log off;\n"
-      << "  client_body_temp_path " << dir << "/body;\n"
+      << "daemon off;\nmaster_process off;\npid " << dir << "/nginx.pid;\n"
+      << "error_log " << dir << "/logs/error.log;\nevents { worker_connections 16; }\n"
+      << "http {\n  access_log off;\n  client_body_temp_path " << dir << "/body;\n"
       << "  server { listen 127.0.0.1:" << port << (tls.empty() ? "" : " ssl") << "; root "
       << root.string() << "; etag on; " << tls << " }\n}\n";
-  program = std::make_unique<Program>(std::vector<std::string>{"/usr/sbin/nginx", "-p", dir, "-c",
-                                                               dir + "/nginx.conf", "-g",
-                                                               "daemon off; master_process off;"});
+  program = std::make_unique<Program>(
+      std::vector<std::string>{"/usr/sbin/nginx", "-p", dir, "-c", dir + "/nginx.conf"});
   eventually([this] { return loopback(port, false) == port; });
 }
 
-FakePlatform::FakePlatform(std::filesystem::path dataDirectory)
-    : dataDirectory_(std::move(dataDirectory)), pathChannel_(std::make_shared<PathChannel>()) {}
-
-void FakePlatform::runOnMainThread(const std::function<void()>& work) {
-  ++mainThreadCalls_;
-  work();
-}
-
 std::optional<int> FakePlatform::probe(const std::string& name) const {
-  if (std::string failure = get(probeFailure_); !failure.empty()) {
-    throw std::runtime_error(failure);
-  }
-  return find(probes_, name).value_or(std::nullopt);
+  if (auto failure = get(probeFailure_); !failure.empty()) throw std::runtime_error(failure);
+  return get(probes_)[name];
 }
 
-void FakePlatform::requestNotificationAuthorizationStatus(
-    std::function<void(int)> completion) const {
+void FakePlatform::requestNotificationAuthorizationStatus(std::function<void(int)> done) const {
   const auto [status, immediate] = get(notification_);
   if (!status) return;
-  if (immediate) return completion(*status);
-  std::thread([completion = std::move(completion), value = *status] {
+  if (immediate) return done(*status);
+  std::thread([done = std::move(done), value = *status] {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    completion(value);
+    done(value);
   }).detach();
 }
 
-bool FakePlatform::standardPreferenceBool(const std::string& key) const {
-  const std::optional<bool> set = find(standardPreferences_, key);
-  return set ? *set : Platform::standardPreferenceBool(key);
-}
-
-// What the facade's monitor and the test share: the handler of the monitor
-// that is started and not cancelled.
-struct FakePlatform::PathChannel {
-  std::mutex mutex;
-  std::function<void(NetworkPathStatus)> handler;
-  const void* owner = nullptr;
-};
-
 namespace {
 
-class ScriptedPathMonitor : public NetworkPathMonitor {
- public:
-  explicit ScriptedPathMonitor(std::shared_ptr<FakePlatform::PathChannel> channel)
-      : channel_(std::move(channel)) {}
+struct ScriptedPathMonitor : NetworkPathMonitor {
+  explicit ScriptedPathMonitor(std::shared_ptr<FakePlatform::PathChannel> c) : channel(c) {}
   ~ScriptedPathMonitor() override { cancel(); }
   void start(std::function<void(NetworkPathStatus)> handler) override {
-    std::lock_guard lock(channel_->mutex);
-    channel_->handler = std::move(handler);
-    channel_->owner = this;
+    std::lock_guard lock(channel->mutex);
+    channel->listener = {this, std::move(handler)};
   }
   // Only the monitor that listens now stops the listening.
   void cancel() override {
-    std::lock_guard lock(channel_->mutex);
-    if (channel_->owner != this) return;
-    channel_->handler = nullptr;
-    channel_->owner = nullptr;
+    std::lock_guard lock(channel->mutex);
+    if (channel->listener.first == this) channel->listener = {};
   }
-
- private:
-  std::shared_ptr<FakePlatform::PathChannel> channel_;
+  const std::shared_ptr<FakePlatform::PathChannel> channel;
 };
 
 }  // namespace
@@ -161,39 +131,26 @@ bool FakePlatform::reportPath(NetworkPathStatus status) {
   // Delivered under the channel's lock, so cancel() waits for a delivery in
   // progress, as a real monitor's does.
   std::lock_guard lock(pathChannel_->mutex);
-  if (!pathChannel_->handler) return false;
-  pathChannel_->handler(status);
+  if (!pathChannel_->listener.second) return false;
+  pathChannel_->listener.second(status);
   return true;
-}
-
-ManualClock::TimePoint ManualClock::now() {
-  std::lock_guard lock(mutex_);
-  return now_;
 }
 
 bool ManualClock::sleepUntil(TimePoint deadline, std::stop_token stop) {
   std::unique_lock lock(mutex_);
   ++sleepers_;
-  changed_.notify_all();
-  bool reached = changed_.wait(lock, stop, [&] { return now_ >= deadline; });
+  bool reached = changed_.wait(lock, stop, [&] { return now_.load() >= deadline; });
   --sleepers_;
   return reached && !stop.stop_requested();
 }
 
 void ManualClock::advance(std::chrono::seconds by) {
   std::lock_guard lock(mutex_);
-  now_ += by;
+  now_ = now_.load() + by;
   changed_.notify_all();
 }
 
-int ManualClock::sleepers() {
-  std::lock_guard lock(mutex_);
-  return sleepers_;
-}
-
-ScopedPlatform::ScopedPlatform()
-    : dataDirectory_(dir_.path() / "data"),
-      platform_(std::make_shared<FakePlatform>(dataDirectory_)) {
+ScopedPlatform::ScopedPlatform() {
   installPlatform(platform_);
   LocaleUtils::setCurrentLanguageCode("en");
   SDKLogger::shared().setLogLevel(LogLevel::debug);
@@ -211,8 +168,6 @@ LogCapture::LogCapture() {
   });
 }
 
-LogCapture::~LogCapture() { SDKLogger::shared().setSink(nullptr); }
-
 std::string LogCapture::text() const {
   std::string all;
   for (const auto& message : messages()) all += message;
@@ -222,10 +177,6 @@ std::string LogCapture::text() const {
 std::vector<std::string> LogCapture::messages() const {
   std::lock_guard lock(mutex_);
   return messages_;
-}
-
-bool LogCapture::contains(const std::string& fragment) const {
-  return text().find(fragment) != std::string::npos;
 }
 
 std::size_t LogCapture::count(const std::string& fragment) const {
@@ -240,44 +191,35 @@ void LogCapture::clear() {
 }
 
 std::string exampleDocument() {
-  std::ifstream in(std::filesystem::path(PACTIVO_EXAMPLES_DIR) / "configuration.json",
-                   std::ios::binary);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
+  std::ifstream in(fs::path(PACTIVO_EXAMPLES_DIR) / "configuration.json");
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
+  for (auto end = std::chrono::steady_clock::now() + timeout; !condition();) {
+    if (std::chrono::steady_clock::now() > end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  return condition();
+  return true;
 }
 
 int runInChild(const std::function<int()>& body, std::string* log) {
   detail::resetCurrentStore();
-  int logPipe[2];
-  if (pipe(logPipe) != 0) return -1;
-  pid_t child = fork();
-  if (child < 0) return -1;
+  // The child's log goes to a file both share, read once the child is gone.
+  std::FILE* file = std::tmpfile();
+  if (file == nullptr) return -1;
+  const pid_t child = fork();
   if (child == 0) {
-    close(logPipe[0]);
-    SDKLogger::shared().setSink([fd = logPipe[1]](std::string_view text) {
+    SDKLogger::shared().setSink([fd = fileno(file)](std::string_view text) {
       if (write(fd, text.data(), text.size()) < 0) _exit(3);
     });
     _exit(body());
   }
-  close(logPipe[1]);
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(logPipe[0], buffer, sizeof buffer)) > 0) {
-    if (log != nullptr) log->append(buffer, static_cast<std::size_t>(n));
-  }
-  close(logPipe[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
+  int status = -1;
+  if (child > 0) waitpid(child, &status, 0);
+  std::rewind(file);
+  for (int c; log != nullptr && (c = std::fgetc(file)) != EOF;) *log += static_cast<char>(c);
+  std::fclose(file);
   return status;
 }
 

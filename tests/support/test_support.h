@@ -37,6 +37,8 @@ class TempDir {
 
 // Binds (port 0: any free one) or connects a loopback socket; the port, or -1.
 int loopback(int port, bool bindIt);
+// The same, keeping the socket open: returns it, with `port` set as above.
+int loopbackSocket(int& port, bool bindIt);
 
 // A program (found on the PATH) in the foreground until the object goes;
 // it dies with the test, and its output is discarded.
@@ -65,7 +67,7 @@ struct Nginx {
 // unless the test moves it.
 class FakePlatform : public Platform {
  public:
-  explicit FakePlatform(std::filesystem::path dataDirectory);
+  explicit FakePlatform(std::filesystem::path dir) : dataDirectory_(std::move(dir)) {}
 
   std::filesystem::path applicationSupportDirectory() const override { return dataDirectory_; }
   std::vector<std::string> preferredLanguages() const override { return get(languages_); }
@@ -73,12 +75,15 @@ class FakePlatform : public Platform {
   std::string advertisingIdentifier() const override { return get(advertisingIdentifier_); }
   int trackingAuthorizationStatus() const override { return get(trackingStatus_); }
   std::optional<std::string> infoDictionaryString(const std::string& key) const override {
-    return find(info_, key);
+    return get(info_)[key];
   }
   std::optional<std::string> libraryVersion() const override { return get(libraryVersion_); }
-  void runOnMainThread(const std::function<void()>& work) override;
+  void runOnMainThread(const std::function<void()>& work) override {
+    ++mainThreadCalls_;
+    work();
+  }
   std::string localizedString(const std::string& key, const std::string&) const override {
-    return find(translations_, key).value_or(key);
+    return get(translations_)[key].value_or(key);
   }
   std::chrono::system_clock::time_point now() const override {
     return std::chrono::system_clock::time_point(std::chrono::seconds(now_.load()));
@@ -98,7 +103,9 @@ class FakePlatform : public Platform {
   PACTIVO_FAKE_PROBE(homeKitAuthorizationStatus)
 #undef PACTIVO_FAKE_PROBE
   void requestNotificationAuthorizationStatus(std::function<void(int)> completion) const override;
-  bool standardPreferenceBool(const std::string& key) const override;
+  bool standardPreferenceBool(const std::string& key) const override {
+    return get(standardPreferences_)[key].value_or(Platform::standardPreferenceBool(key));
+  }
   ConsentModeHandler consentModeHandler() const override { return get(consentModeHandler_); }
   std::string applicationName() const override { return "Fake TV"; }
   NetworkSettings networkSettings() const override { return get(network_); }
@@ -109,7 +116,12 @@ class FakePlatform : public Platform {
   // whether one was listening.
   bool reportPath(NetworkPathStatus status);
 
-  struct PathChannel;
+  // What the monitors and reportPath() share: the monitor started and not
+  // cancelled, with its handler.
+  struct PathChannel {
+    std::mutex mutex;
+    std::pair<const void*, std::function<void(NetworkPathStatus)>> listener;
+  };
 
   // The answer of the probe named like its method ("cameraAuthorizationStatus");
   // nullopt (the default) reports the facility as absent.
@@ -128,9 +140,7 @@ class FakePlatform : public Platform {
   void setTrackingAuthorizationStatus(int status) { set(trackingStatus_, status); }
   void setInfo(std::string key, std::string value) { put(info_, key, std::move(value)); }
   void setLibraryVersion(std::optional<std::string> v) { set(libraryVersion_, std::move(v)); }
-  void setTranslation(std::string key, std::string text) {
-    put(translations_, key, std::move(text));
-  }
+  void setTranslation(std::string key, std::string text) { put(translations_, key, text); }
   void setNetworkSettings(NetworkSettings settings) { set(network_, std::move(settings)); }
   // Seconds since 1970.
   void setNow(std::int64_t seconds) { now_ = seconds; }
@@ -153,12 +163,6 @@ class FakePlatform : public Platform {
     std::lock_guard lock(mutex_);
     map[key] = std::forward<V>(value);
   }
-  template <typename Map>
-  std::optional<typename Map::mapped_type> find(const Map& map, const std::string& key) const {
-    std::lock_guard lock(mutex_);
-    auto it = map.find(key);
-    return it == map.end() ? std::nullopt : std::optional(it->second);
-  }
   std::optional<int> probe(const std::string& name) const;
 
   const std::filesystem::path dataDirectory_;
@@ -166,34 +170,36 @@ class FakePlatform : public Platform {
   std::vector<std::string> languages_{"en-US"};
   std::string advertisingIdentifier_;
   int trackingStatus_ = 0;
-  std::map<std::string, std::string> info_;
+  // Absent keys read as nullopt.
+  std::map<std::string, std::optional<std::string>> info_;
   std::optional<std::string> libraryVersion_ = "9.8.7";
-  std::map<std::string, std::string> translations_;
+  std::map<std::string, std::optional<std::string>> translations_;
   std::atomic<std::int64_t> now_{1700000000};
   std::atomic<int> mainThreadCalls_{0};
   std::map<std::string, std::optional<int>> probes_;
   std::string probeFailure_;
   std::pair<std::optional<int>, bool> notification_;  // status, immediate
-  std::map<std::string, bool> standardPreferences_;
+  std::map<std::string, std::optional<bool>> standardPreferences_;
   ConsentModeHandler consentModeHandler_;
   NetworkSettings network_;
-  std::shared_ptr<PathChannel> pathChannel_;
+  std::shared_ptr<PathChannel> pathChannel_ = std::make_shared<PathChannel>();
 };
 
 // A clock that moves only when the test says so.
 class ManualClock : public detail::Clock {
  public:
-  TimePoint now() override;
+  TimePoint now() override { return now_; }
   bool sleepUntil(TimePoint deadline, std::stop_token stop) override;
   void advance(std::chrono::seconds by);
   // How many threads wait on the clock.
-  int sleepers();
+  int sleepers() { return sleepers_; }
 
  private:
+  // Both change under mutex_, so no waiter misses a change.
   std::mutex mutex_;
   std::condition_variable_any changed_;
-  TimePoint now_{};
-  int sleepers_ = 0;
+  std::atomic<TimePoint> now_{};
+  std::atomic<int> sleepers_ = 0;
 };
 
 // Installs a FakePlatform over a fresh directory for the lifetime of the
@@ -209,19 +215,19 @@ class ScopedPlatform {
 
  private:
   TempDir dir_;
-  std::filesystem::path dataDirectory_;
-  std::shared_ptr<FakePlatform> platform_;
+  std::filesystem::path dataDirectory_ = dir_.path() / "data";
+  std::shared_ptr<FakePlatform> platform_ = std::make_shared<FakePlatform>(dataDirectory_);
 };
 
 // Collects what the logger prints while it lives.
 class LogCapture {
  public:
   LogCapture();
-  ~LogCapture();
+  ~LogCapture() { SDKLogger::shared().setSink(nullptr); }
   std::string text() const;
   // The printed messages, each possibly several lines.
   std::vector<std::string> messages() const;
-  bool contains(const std::string& fragment) const;
+  bool contains(const std::string& part) const { return text().find(part) != std::string::npos; }
   // How many messages contain `fragment`.
   std::size_t count(const std::string& fragment) const;
   void clear();
