@@ -28,10 +28,11 @@ class CdnCacheTest : public testing::SdkTest {
     return scoped_.dataDirectory() / "tessarin-sdk-cdn-backup.json";
   }
   static std::int64_t stamp() { return U::getInt64(keys::kCdnCachedTimestamp, 0); }
-  // A newer document on the server, past the cache's freshness.
+  // A newer document of 9 MiB on the server, past the cache's freshness.
   void publish(std::int64_t version) {
     MainConfiguration document = exampleConfiguration();
     document.version = version;
+    document.description = std::string(9 << 20, 'x');
     cdn_.respond(200, encode(document));
     platform().advance(7200);
   }
@@ -229,56 +230,47 @@ TEST_F(CdnCacheTest, ASaveKilledAtAnyInstantLeavesAWholeDocument) {
   EXPECT_TRUE(log_.contains("readCDNFile(isCache:) - Backup restored to original: file://"));
 }
 
-// A save that cannot finish keeps the document, the time it was saved and
-// the readiness: a directory in the backup's place, a read-only directory, a
-// file-size limit. A backup left by an earlier run is replaced.
+// A save that cannot finish keeps the document and the time it was saved:
+// a directory in the backup's place, a read-only directory, a file-size
+// limit. A backup left by an earlier run is replaced.
 TEST_F(CdnCacheTest, SavesThatFailKeepTheOldDocument) {
-  const std::string failed = "saveCDNToFile(config:fileName:) - Error ";
+  const std::pair<std::string, std::string> cases[] = {
+      {"backup", "creating backup: Is a directory"},   // the move fails even for root
+      {"read-only", "saving CDN: Permission denied"},  // refused before the old file moves
+      {"size limit", "saving CDN: File too large"}};
   std::int64_t newer = 10;
-  std::string kept;
-  for (bool readOnly : {false, true}) {
-    SCOPED_TRACE(readOnly ? "read-only directory" : "directory in the backup's place");
+  for (const auto& [way, error] : cases) {
+    SCOPED_TRACE(way);
     setup();
-    const std::int64_t before = stamp();
-    kept = "v" + std::to_string(*impl_.readCDNFile(true)->version);
+    const auto before = std::tuple(stamp(), impl_.readCDNFile(true)->version);
     publish(newer++);
-    if (readOnly) {
+    if (way == "backup") std::filesystem::create_directories(backupFile() / "x");
+    if (way == "read-only") {
       std::filesystem::permissions(scoped_.dataDirectory(), std::filesystem::perms::owner_write,
                                    std::filesystem::perm_options::remove);
       if (::access(scoped_.dataDirectory().c_str(), W_OK) == 0) continue;  // root ignores it
-    } else {
-      std::filesystem::create_directories(backupFile() / "x");  // the move fails even for root
     }
-    EXPECT_EQ(refetch(), kept + " \"v1\"");
-    // A read-only directory refuses the new file before the old one is moved.
-    EXPECT_TRUE(log_.contains(failed + (readOnly ? "saving CDN: " : "creating backup: ")))
-        << log_.text();
-    EXPECT_EQ(std::tuple(stamp(), sdk_->getStatus()), std::tuple(before, S::available));
-    std::filesystem::remove_all(backupFile());
+    std::string log;
+    const int status = testing::runInChild(
+        [&] {
+          std::signal(SIGXFSZ, SIG_IGN);
+          const rlimit limit{8 << 20, 8 << 20};  // under the published document
+          if (way == "size limit") setrlimit(RLIMIT_FSIZE, &limit);
+          return impl_.getCDNFile() ? 0 : 1;  // the old document
+        },
+        &log);
     std::filesystem::permissions(scoped_.dataDirectory(), std::filesystem::perms::owner_all);
+    EXPECT_EQ(status, 0) << log;
+    // The last line: nothing is saved, backed up or restored after it.
+    const std::size_t at = log.rfind("[ERROR] [consent_sdk_cdn_utils.cc:");
+    EXPECT_EQ(log.substr(log.find("] ", at + 8)),
+              "] saveCDNToFile(config:fileName:) - Error " + error + "\n")
+        << log;
+    EXPECT_EQ(std::tuple(stamp(), impl_.readCDNFile(false)->version), before);
+    EXPECT_EQ(std::tuple(exists(cacheFile().string() + ".tmp"), exists(backupFile())),
+              std::tuple(false, way == "backup"));
+    std::filesystem::remove_all(backupFile());
   }
-
-  // In a child: a file-size limit makes the new document's write fail.
-  MainConfiguration large = exampleConfiguration();
-  large.description = std::string(9 << 20, 'x');  // over the limit below
-  std::string log;
-  int status = testing::runInChild(
-      [&] {
-        std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{8 << 20, 8 << 20};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        impl_.saveCDNToFile(large, "tessarin-sdk-cdn.json");
-        return 0;
-      },
-      &log);
-  ASSERT_TRUE(WIFEXITED(status)) << "signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
-  // The last line: no backup was made.
-  const std::size_t error = log.find("[ERROR] [consent_sdk_cdn_utils.cc:");
-  EXPECT_EQ(log.substr(log.find("] ", error + 8) + 2), failed + "saving CDN: File too large\n")
-      << log;
-  EXPECT_FALSE(exists(cacheFile().string() + ".tmp") || exists(backupFile()));
-  EXPECT_EQ("v" + std::to_string(*impl_.readCDNFile(false)->version), kept);
-
   std::ofstream(backupFile()) << "left by an earlier run";
   publish(4);
   EXPECT_EQ(refetch(), "v4 \"v1\"");

@@ -52,6 +52,7 @@ TEST_F(NginxTest, OperatorTrustClientCertificatesProxiesAndETags) {
                                         f("ca.pem") + ";");
   const std::string ca = f("ca.pem"), cadir = f("cadir");
   const NetworkSettings trusted{.caFile = ca}, proxied{.caFile = ca, .proxy = "proxy"},
+      clientsAsCa{.caFile = f("client.pem")}, junk{.caFile = f("junk.pem")},
       withClient{.caFile = ca, .clientCertificate = f("client.pem"), .clientKey = f("client.key")};
   NetworkSettings strangersKey = withClient, certificateGone = withClient;
   strangersKey.clientKey = f("stranger.key");
@@ -75,17 +76,8 @@ TEST_F(NginxTest, OperatorTrustClientCertificatesProxiesAndETags) {
       {"CA directory", false, {.caDirectory = cadir}, {}, true},
       {"SSL_CERT_FILE", false, {}, {{"SSL_CERT_FILE", ca}}, true},
       {"SSL_CERT_DIR", false, {}, {{"SSL_CERT_DIR", cadir}}, true},
-      {"the host's CA file replaces it",
-       false,
-       {.caFile = f("client.pem")},
-       {{"SSL_CERT_FILE", ca}},
-       false},
-      {"CA file that is not PEM",
-       false,
-       {.caFile = f("junk.pem")},
-       {},
-       false,
-       "holds no PEM certificate"},
+      {"the host's CA file replaces it", false, clientsAsCa, {{"SSL_CERT_FILE", ca}}, false},
+      {"CA file that is not PEM", false, junk, {}, false, "holds no PEM certificate"},
       {"CA directory missing", false, {.caDirectory = f("none")}, {}, false, "cannot be read"},
       {"mutual TLS without a certificate", true, trusted, {}, false},
       {"mutual TLS with one", true, withClient, {}, true},
