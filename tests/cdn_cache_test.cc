@@ -94,12 +94,10 @@ TEST_F(CdnCacheTest, FreshnessRule) {
   const std::pair<std::optional<std::int64_t>, std::string> cases[] = {
       {1800000000 - 3600, kept},
       {1800000000 - 3601, fetched},
-      {1800000000 - 2 * 86400, fetched},
       {std::nullopt, kept},  // a timestamp that is not a number
       {0, fetched},
       // Stamped while the clock ran ahead: stale once it is corrected.
-      {1800000000 + 1, fetched},
-      {1800000000 + 365 * 86400, fetched}};
+      {1800000000 + 1, fetched}};
   platform().setNow(1800000000);
   for (const auto& [at, got] : cases) {
     SCOPED_TRACE(at.value_or(-1));
@@ -142,9 +140,7 @@ TEST_F(CdnCacheTest, FetchFailuresAndTheLanguageFallback) {
       {200, 200, "<", "Decoding Response.\nFailed to Decode MainConfiguration : invalid JSON", 1},
       // Last, as it leaves a document behind.
       {404, 200, testing::exampleDocument(),
-       "getCDN(options:) - CDN Configuration with de "
-       "language code not found",
-       2},
+       "getCDN(options:) - CDN Configuration with de language code not found", 2},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.log);

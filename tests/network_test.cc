@@ -16,7 +16,6 @@ namespace {
 using std::chrono::milliseconds;
 using testing::ScopedPlatform;
 using testing::TestServer;
-using Kind = NetworkError::Kind;
 using Headers = std::map<std::string, std::string>;
 
 const std::string kOk = R"({"status": 0, "message": "ok"})";
@@ -31,7 +30,7 @@ class CustomEndPoint : public StoredEndPoint {
   }
 };
 
-TEST(RequestBuilderTest, UrlsHeadersAndETag) {
+TEST(RequestBuilderTest, UrlsHeadersETagAndErrorTexts) {
   ScopedPlatform scoped;
   LocaleUtils::setCurrentLanguageCode("fr");
   ConsentSDKOptions o("https://app.example/", "https://cdn.example/", "t1", "a9", false,
@@ -41,11 +40,10 @@ TEST(RequestBuilderTest, UrlsHeadersAndETag) {
   o.mode = Mode::draft;
   GetCDNEndPoint draft(o, false);
   CustomEndPoint custom;
-  const std::string cdn = "https://cdn.example/consent/mobile_banner/t1/a9/";
-  struct Case {
-    const EndPoint& endPoint;
-    std::string base, url;  // "invalid: <text>" for an invalidURL error carrying the text
-  } cases[] = {
+  const std::string cdn = "https://cdn.example/consent/mobile_banner/t1/a9/",
+                    invalid = "Invalid URL error ocurred.\n";
+  // The URL, or the description of the error.
+  const std::tuple<const EndPoint&, std::string, std::string> urls[] = {
       {draft, "https://cdn.example/", cdn + "draft/config_fr.json"},
       {neutral, "https://cdn.example/", cdn + "live/config.json"},
       {live, "https://cdn.example/files",
@@ -53,35 +51,31 @@ TEST(RequestBuilderTest, UrlsHeadersAndETag) {
       // The path joins the base's query, which goes when the endpoint has none.
       {neutral, "https://cdn.example/?q=1", "https://cdn.example/"},
       {custom, "http://h/", "http://h/p?limit=a+b%26c"},
-      {live, "", "invalid: "},
-      {live, "not a url", "invalid: not a url"},
-      {live, "http://[::1", "invalid: http://[::1"},
+      {live, "", invalid},
+      {live, "not a url", invalid + "not a url"},
+      {live, "http://[::1", invalid + "http://[::1"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [endPoint, base, url] : urls) {
     try {
-      EXPECT_EQ(RequestBuilder(c.endPoint, c.base).buildRequest().url, c.url);
+      EXPECT_EQ(RequestBuilder(endPoint, base).buildRequest().url, url);
     } catch (const NetworkError& error) {
-      EXPECT_EQ((error.kind() == Kind::invalidURL ? "invalid: " : "other: ") + error.message(),
-                c.url);
+      EXPECT_EQ(error.description(), url);
     }
   }
   URLRequest plain = RequestBuilder(live, "http://h/").buildRequest();
   EXPECT_EQ(std::tuple(plain.method, plain.idleTimeout, plain.transferTimeout, plain.body),
             std::tuple("GET", std::chrono::seconds(60), std::chrono::minutes(10), std::nullopt));
   EXPECT_EQ(plain.headers, (Headers{{"Accept", "*/*"}, {"Content-Type", "application/json"}}));
-  // The upload's method, path, token and body are pinned on the wire in
-  // NetworkManagerTest.RequestGoesOutAsBuilt.
+  // An endpoint may override a header. The upload's method, path, token and
+  // body are pinned on the wire in NetworkManagerTest.RequestGoesOutAsBuilt.
   UserDefaultManager::setETag("W/\"abc\"");
   EXPECT_EQ(RequestBuilder(custom, "http://h/").buildRequest().headers,
-            (Headers{{"Accept", "text/plain"},  // an endpoint may override
+            (Headers{{"Accept", "text/plain"},
                      {"Authorization", "x"},
                      {"Content-Type", "application/json"},
                      {"If-None-Match", "W/\"abc\""}}));
-}
 
-// description() and what(), then errorDescription().
-TEST(NetworkErrorTest, Texts) {
-  ScopedPlatform scoped;
+  // The errors' description() and what(), then errorDescription().
   scoped.platform().setTranslation("Failed with 403 status code", "Zugriff verweigert");
   const std::string unknown = "An unknown error occurred. | Unexpected Error";
   const std::pair<NetworkError, std::string> cases[] = {
@@ -91,7 +85,7 @@ TEST(NetworkErrorTest, Texts) {
        "Failed with Status (500) | Failed with 500 status code"},
       {NetworkError::invalidStatusCode(403), "Failed with Status (403) | Zugriff verweigert"},
       {NetworkError::decodingError("m"), "Failed while Decoding Response.\nm | m"},
-      {NetworkError::invalidURL("v"), "Invalid URL error ocurred.\nv | v"},
+      {NetworkError::invalidURL("v"), invalid + "v | v"},
       {NetworkError::response(std::nullopt), unknown},
       {NetworkError::keyMapping(), unknown},
       {NetworkError::cdnNotModified(), unknown},
