@@ -19,6 +19,7 @@ using testing::exampleConfiguration;
 using U = UserDefaultManager;
 using S = SDKStatus;
 
+constexpr const char* kFile = "tessarin-sdk-cdn.json";
 constexpr const char* kRefused = "http://127.0.0.1:9/";  // nothing listens there
 
 class CdnCacheTest : public testing::SdkTest {
@@ -67,10 +68,12 @@ TEST_F(CdnCacheTest, FirstLaunchFetchesSavesAndApplies) {
                 " (Linux; Fake TV/4.2) de-DE, de;q=0.9, en;q=0.8, b;q=0.7, c;q=0.6, d;q=0.5");
   EXPECT_EQ(log_.count("client certificate /nonexistent/box.pem cannot be read"), 1u);
   EXPECT_TRUE(log_.contains("saveCDNToFile(config:fileName:) - CDN saved at: file://"));
-  EXPECT_EQ(std::tuple(stamp(), U::getString(keys::kCdnFileLocation, ""),
-                       U::getString(keys::kLanguageCode, ""), U::getBool(keys::kIsAttEnabled),
-                       U::getBool(keys::kIsSettingsPromptEnabled)),
-            std::tuple(1700000000, "file://" + cacheFile().string(), "de", true, true));
+  EXPECT_EQ(
+      std::tuple(stamp(), U::getString(keys::kCdnFileLocation, ""),
+                 U::getString(keys::kLanguageCode, ""), U::getBool(keys::kIsAttEnabled),
+                 U::getBool(keys::kIsSettingsPromptEnabled), U::getString(keys::kXAuthToken, "")),
+      std::tuple(1700000000, "file://" + cacheFile().string(), "de", true, true,
+                 "demo-upload-token-5d1e"));
   // The file holds the library's own encoding of the document.
   std::ifstream in(cacheFile());
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), encode(exampleConfiguration()));
@@ -156,17 +159,13 @@ TEST_F(CdnCacheTest, FetchFailuresAndTheLanguageFallback) {
   }
 }
 
-TEST_F(CdnCacheTest, CorruptOrRewrittenCacheFile) {
+TEST_F(CdnCacheTest, CorruptRewrittenOrMissingCache) {
   setup();
-  auto first = impl_.readCDNFile(true);
-  EXPECT_EQ(impl_.readCDNFile(true).get(), first.get());  // unchanged: not parsed again
-  MainConfiguration changed = *first;
-  changed.version = 42;
+  const auto first = impl_.readCDNFile(true);
+  EXPECT_EQ(impl_.readCDNFile(true), first);  // unchanged: not parsed again
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  std::ofstream(cacheFile(), std::ios::trunc) << encode(changed);
-  auto reread = impl_.readCDNFile(true);
-  ASSERT_TRUE(reread);
-  EXPECT_EQ(reread->version, 42);
+  std::ofstream(cacheFile(), std::ios::trunc) << R"({"version": 42})";
+  EXPECT_EQ(refetch(), "v42");  // rewritten: read again, and still fresh
 
   std::ofstream(cacheFile(), std::ios::trunc) << "{\"version\": \"three\"}";
   log_.clear();
@@ -194,6 +193,15 @@ TEST_F(CdnCacheTest, CorruptOrRewrittenCacheFile) {
   setup({.cdnUrl = kRefused});
   EXPECT_EQ(sdk_->getStatus(), S::unavailable);
   EXPECT_FALSE(exists(cacheFile()));
+
+  // Without a directory nothing is saved, read or removed.
+  installPlatform(std::make_shared<testing::FakePlatform>(""));
+  impl_.saveCDNToFile(exampleConfiguration(), kFile);
+  impl_.discardCachedConfiguration();
+  EXPECT_FALSE(impl_.readCDNFile(false) || impl_.getCDNFile());
+  // Percent-encoded, so that an unusual directory reads back as the same path.
+  EXPECT_EQ(ConsentSDK::Impl::fileUrl("/data/a b%#c/tessarin-sdk-cdn.json"),
+            "file:///data/a%20b%25%23c/tessarin-sdk-cdn.json");
 }
 
 TEST_F(CdnCacheTest, ASaveKilledAtAnyInstantLeavesAWholeDocument) {
@@ -206,9 +214,7 @@ TEST_F(CdnCacheTest, ASaveKilledAtAnyInstantLeavesAWholeDocument) {
       std::signal(SIGALRM, SIG_DFL);
       itimerval at{{0, 0}, {0, 1000 + 900 * round}};
       setitimer(ITIMER_REAL, &at, nullptr);
-      for (int i = 0;; ++i) {
-        impl_.saveCDNToFile(i % 2 ? large : exampleConfiguration(), "tessarin-sdk-cdn.json");
-      }
+      for (int i = 0;; ++i) impl_.saveCDNToFile(i % 2 ? large : exampleConfiguration(), kFile);
       return 0;
     });
     ASSERT_TRUE(WIFSIGNALED(status)) << status;
@@ -231,10 +237,13 @@ TEST_F(CdnCacheTest, SavesThatFailKeepTheOldDocument) {
       {"read-only", "saving CDN: Permission denied"},  // refused before the old file moves
       {"size limit", "saving CDN: File too large"}};
   std::int64_t newer = 10;
+  rlimit unlimited{};
+  getrlimit(RLIMIT_FSIZE, &unlimited);
+  const rlimit limit{8 << 20, unlimited.rlim_max};  // under the published document
   for (const auto& [way, error] : cases) {
     SCOPED_TRACE(way);
     setup();
-    const auto before = std::tuple(stamp(), impl_.readCDNFile(true)->version);
+    const auto before = std::tuple(stamp(), impl_.readCDNFile(true)->version, S::available);
     publish(newer++);
     if (way == "backup") std::filesystem::create_directories(backupFile() / "x");
     if (way == "read-only") {
@@ -242,23 +251,19 @@ TEST_F(CdnCacheTest, SavesThatFailKeepTheOldDocument) {
                                    std::filesystem::perm_options::remove);
       if (::access(scoped_.dataDirectory().c_str(), W_OK) == 0) continue;  // root ignores it
     }
-    std::string log;
-    const int status = testing::runInChild(
-        [&] {
-          std::signal(SIGXFSZ, SIG_IGN);
-          const rlimit limit{8 << 20, 8 << 20};  // under the published document
-          if (way == "size limit") setrlimit(RLIMIT_FSIZE, &limit);
-          return impl_.getCDNFile() ? 0 : 1;  // the old document
-        },
-        &log);
+    std::signal(SIGXFSZ, way == "size limit" ? SIG_IGN : SIG_DFL);
+    setrlimit(RLIMIT_FSIZE, way == "size limit" ? &limit : &unlimited);
+    EXPECT_EQ(refetch(), "v" + std::to_string(*std::get<1>(before)) + " \"v1\"");
+    setrlimit(RLIMIT_FSIZE, &unlimited);
+    std::signal(SIGXFSZ, SIG_DFL);
     std::filesystem::permissions(scoped_.dataDirectory(), std::filesystem::perms::owner_all);
-    EXPECT_EQ(status, 0) << log;
     // The last line: nothing is saved, backed up or restored after it.
+    const std::string log = log_.text();
     const std::size_t at = log.rfind("[ERROR] [consent_sdk_cdn_utils.cc:");
     EXPECT_EQ(log.substr(log.find("] ", at + 8)),
               "] saveCDNToFile(config:fileName:) - Error " + error + "\n")
         << log;
-    EXPECT_EQ(std::tuple(stamp(), impl_.readCDNFile(false)->version), before);
+    EXPECT_EQ(std::tuple(stamp(), impl_.readCDNFile(false)->version, sdk_->getStatus()), before);
     EXPECT_EQ(std::tuple(exists(cacheFile().string() + ".tmp"), exists(backupFile())),
               std::tuple(false, way == "backup"));
     std::filesystem::remove_all(backupFile());
@@ -321,7 +326,6 @@ TEST_F(CdnCacheTest, SetupReconcilesModeLanguageAndSubject) {
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c));
     const auto& [lastMode, storedLanguage, testingMode, language, discarded] = c;
-    U::removeAllConsents();
     LocaleUtils::setCurrentLanguageCode("en");
     if (lastMode) U::setString(keys::kLastModeUsed, *lastMode);
     // A stored language that is not a string is no language.
@@ -359,17 +363,5 @@ TEST_F(CdnCacheTest, SetupReconcilesModeLanguageAndSubject) {
 }
 
 // Without a directory nothing is saved, read or removed.
-TEST_F(CdnCacheTest, NoDirectoryMeansNoCache) {
-  setup();
-  installPlatform(std::make_shared<testing::FakePlatform>(""));
-  impl_.saveCDNToFile(exampleConfiguration(), "tessarin-sdk-cdn.json");
-  impl_.discardCachedConfiguration();
-  EXPECT_FALSE(impl_.readCDNFile(false));
-  EXPECT_FALSE(impl_.getCDNFile());
-  // Percent-encoded, so that an unusual directory reads back as the same path.
-  EXPECT_EQ(ConsentSDK::Impl::fileUrl("/data/a b%#c/tessarin-sdk-cdn.json"),
-            "file:///data/a%20b%25%23c/tessarin-sdk-cdn.json");
-}
-
 }  // namespace
 }  // namespace pactivo
