@@ -252,7 +252,8 @@ TEST_F(NetworkManagerTest, RedirectsKeepCredentialsOnTheSameHostOnly) {
     SCOPED_TRACE(std::to_string(status) + " to " + location);
     server_.clearRequests();
     other.clearRequests();
-    server_.setHandler([&](const httplib::Request& in, httplib::Response& out) {
+    server_.setHandler([&, status = status, location = location](const httplib::Request& in,
+                                                                 httplib::Response& out) {
       if (in.path == "/b") return out.set_content(kOk, "application/json");
       out.status = status;
       out.set_header("Location", location);
