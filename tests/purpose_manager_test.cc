@@ -13,6 +13,7 @@ constexpr auto G = ConsentStatus::granted, D = ConsentStatus::declined,
                W = ConsentStatus::withDrawn, N = ConsentStatus::notDetermined;
 constexpr std::nullopt_t kNone = std::nullopt;
 constexpr int kAuthorized = 3;
+using Ids = std::vector<std::int64_t>;
 
 // The list is read in place: a temporary one once dangled.
 static_assert(!std::is_constructible_v<PurposeManager, std::optional<std::vector<Purpose>>&&,
@@ -100,26 +101,25 @@ TEST_F(PurposeManagerTest, UpdateRefusalsAndWithdrawal) {
   }
 }
 
+// A purpose mapped to tracking follows the platform's authorization.
 TEST_F(PurposeManagerTest, TrackingMapping) {
-  struct Case {
-    const char* name;
+  const struct {
     std::optional<ComplianceType> compliance;
     std::optional<ConsentStatus> stored;
     int tracking;
     ConsentStatus evaluated;
-    std::optional<ConsentStatus> storedAfterCheck;
-    bool checkReportsChange;
+    std::optional<ConsentStatus> storedAfterCheck;  // nullopt: nothing stored, no change
   } cases[] = {
-      {"stored granted, not authorized", kNone, G, 2, W, W, true},
-      {"stored withdrawn, authorized", kNone, W, kAuthorized, G, G, true},
-      {"stored declined, authorized", ComplianceType::optIn, D, kAuthorized, G, G, true},
-      {"nothing stored, opt-in, not authorized", ComplianceType::optIn, kNone, 0, D, kNone, false},
-      {"nothing stored, opt-out, not authorized", ComplianceType::optOut, kNone, 0, D, D, true},
-      {"nothing stored, authorized", ComplianceType::optOut, kNone, kAuthorized, G, kNone, false},
-      {"stored granted, authorized", kNone, G, kAuthorized, G, G, false},
+      {kNone, G, 2, W, W},            // granted, not authorized
+      {kNone, W, kAuthorized, G, G},  // withdrawn, authorized
+      {ComplianceType::optIn, D, kAuthorized, G, G},
+      {ComplianceType::optIn, kNone, 0, D, kNone},
+      {ComplianceType::optOut, kNone, 0, D, D},
+      {ComplianceType::optOut, kNone, kAuthorized, G, kNone},
+      {kNone, G, kAuthorized, G, G},  // no change
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases);
     UDM::removeAllConsents();
     if (c.compliance) UDM::setComplianceType(*c.compliance);
     if (c.stored) UDM::setPurposeConsent("7", *c.stored);
@@ -127,22 +127,21 @@ TEST_F(PurposeManagerTest, TrackingMapping) {
     OwnedPurposeManager manager({purpose(8, kNone, LocalizedText{{"en", "A"}}),
                                  purpose(7, kNone, LocalizedText{{"en", "B"}})},
                                 true, att({7}));
-    auto purposes = manager.getPurposes();
-    ASSERT_EQ(purposes.size(), 2u);
-    EXPECT_EQ(purposes[0].purposeId, 7);  // the tracking group comes before the rest
-    EXPECT_EQ(std::make_pair(purposes[0].isATTMapped, purposes[1].isATTMapped),
-              std::make_pair(std::optional(true), std::optional<bool>()));
-    EXPECT_EQ(*purposes[0].attDescription->find("en"), "tracking text");
+    auto purposes = manager.getPurposes();  // the tracking group before the rest
+    EXPECT_EQ(purposes[0].attDescription, (LocalizedText{{"en", "tracking text"}}));
+    EXPECT_EQ(purposes[0].isATTMapped.value_or(false) + purposes[1].isATTMapped.value_or(true), 2);
     EXPECT_EQ(purposes[0].consentStatus, c.evaluated);
-
     auto result = manager.checkPurposes();
-    EXPECT_EQ(result.changed, c.checkReportsChange);
     EXPECT_EQ(UDM::getStoredConsent("7"), c.storedAfterCheck);
-    if (!c.checkReportsChange) continue;
-    EXPECT_EQ(result.consents,
-              std::vector{PurposeConsent(7, *c.storedAfterCheck, 1700000000, false)});
-    EXPECT_EQ(UDM::getString(keys::kConsentGivenType, ""), kConsentExplicit);
-    EXPECT_TRUE(log_.contains("checkPurposes() - Changed Purposes: [PurposeConsent(purposeID: 7"));
+    const bool changed = c.storedAfterCheck && c.stored != c.storedAfterCheck;
+    EXPECT_EQ(
+        result.consents,
+        std::vector(changed, PurposeConsent(7, c.storedAfterCheck.value_or(N), 1700000000, false)));
+    EXPECT_EQ(result.changed, changed);
+    EXPECT_EQ(UDM::getString(keys::kConsentGivenType, "-"), changed ? kConsentExplicit : "-");
+    EXPECT_EQ(log_.count("checkPurposes() - Changed Purposes: [PurposeConsent(purposeID: 7"),
+              changed ? 1u : 0u);
+    log_.clear();
   }
 }
 
@@ -193,32 +192,24 @@ TEST_F(PurposeManagerTest, CheckReportsPendingPurposes) {
 
 TEST_F(PurposeManagerTest, DisplayOrder) {
   LocaleUtils::setCurrentLanguageCode("fr");
-  auto fr = [](const char* name) { return LocalizedText{{"fr", name}, {"_", "fallback"}}; };
-  const std::pair<std::optional<LocalizedText>, bool> rows[] = {
-      {fr("Purpose 10"), false},
-      {fr("purpose 9"), false},
-      {fr("fax"), false},
-      {fr("émail"), false},
-      {fr("email"), false},
-      {fr("Zéro"), true},
-      {fr("Alpha"), true},
-      {kNone, false},
-      {LocalizedText{{"_", "Zebra"}, {"de", "Aal"}}, false},
-      {fr("email"), false}};
-  std::vector<Purpose> purposes;
-  for (const auto& [name, essential] : rows) {
-    purposes.push_back(purpose(static_cast<std::int64_t>(purposes.size() + 1), essential, name));
+  std::vector<Purpose> purposes;  // a leading '*' marks an essential purpose
+  for (std::string name :
+       {"Purpose 10", "purpose 9", "fax", "émail", "email", "*Zéro", "*Alpha", "", "", "email"}) {
+    const bool essential = name.starts_with("*");
+    purposes.push_back(purpose(static_cast<std::int64_t>(purposes.size() + 1), essential,
+                               LocalizedText{{"fr", name.substr(essential)}, {"_", "fallback"}}));
   }
+  purposes[7].purposeName.reset();
+  purposes[8].purposeName = LocalizedText{{"_", "Zebra"}, {"de", "Aal"}};
   auto order = [](PurposeManager&& manager) {
     std::vector<std::int64_t> ids;
     for (const Purpose& p : manager.getPurposes()) ids.push_back(*p.purposeId);
     return ids;
   };
-  EXPECT_EQ(order(OwnedPurposeManager(purposes)),
-            (std::vector<std::int64_t>{7, 6, 8, 5, 10, 4, 3, 2, 1, 9}));
+  EXPECT_EQ(order(OwnedPurposeManager(purposes)), (Ids{7, 6, 8, 5, 10, 4, 3, 2, 1, 9}));
   // An essential purpose mapped to tracking stays with the essential ones.
   EXPECT_EQ(order(OwnedPurposeManager(purposes, true, att({6, 3}))),
-            (std::vector<std::int64_t>{7, 6, 3, 8, 5, 10, 4, 2, 1, 9}));
+            (Ids{7, 6, 3, 8, 5, 10, 4, 2, 1, 9}));
 }
 
 TEST_F(PurposeManagerTest, ACheckReportsEachChangeOnce) {
