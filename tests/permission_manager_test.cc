@@ -12,6 +12,7 @@ using K = LumariKey;
 constexpr auto G = ConsentStatus::granted, D = ConsentStatus::declined,
                W = ConsentStatus::withDrawn, N = ConsentStatus::notDetermined;
 const K kCamera(K::cameraUsageDescription);
+using Strings = std::vector<std::string>;
 
 // The first letter of each answer ("granted": 'g'), so a row of answers is one word.
 char probe(LumariKey key) { return rawValue(PermissionManager::getConsentByPermission(key))[0]; }
@@ -133,32 +134,31 @@ TEST_F(PermissionManagerTest, CheckFollowsThePlatform) {
       {G, 3, true, true, G},               // unchanged, pending again
       {G, std::nullopt, false, true, N},   // facility gone
   };
+  const std::optional list = std::vector{permission(kCamera), AppPermission{}};
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
     UDM::removeAllConsents();
     if (c.stored) UDM::setPermissionConsent(kCamera, *c.stored);
     if (c.pending) UDM::addPendingPermission(kCamera);
     answer("cameraAuthorizationStatus", c.camera);
-    const std::optional list = std::vector{permission(kCamera), AppPermission{}};
     log_.clear();
     auto result = PermissionManager(list, std::nullopt).checkPermissions();
-    EXPECT_EQ(result.changed, c.reported);
-    EXPECT_EQ(UDM::getPermissionConsent(kCamera, D), c.storedAfter);
-    EXPECT_TRUE(log_.contains("checkPermissions() - Permissions consent checks executed."));
-    EXPECT_FALSE(UDM::getBool(keys::kArePermissionsChanged));
     EXPECT_EQ(result.consents,
               std::vector(c.reported, PermissionConsent(kCamera, c.storedAfter, 1700000000)));
-    EXPECT_EQ(UDM::getPendingPermissions(),
-              std::vector<std::string>(c.reported, kCamera.rawValue()));
+    EXPECT_EQ(std::tuple(result.changed, UDM::getPermissionConsent(kCamera, D),
+                         UDM::getBool(keys::kArePermissionsChanged), UDM::getPendingPermissions()),
+              std::tuple(c.reported, c.storedAfter, false,
+                         Strings(c.reported, "NSCameraUsageDescription")));
+    EXPECT_TRUE(log_.contains("checkPermissions() - Permissions consent checks executed."));
     EXPECT_EQ(log_.count("checkPermissions() - Changed Permissions: [PermissionConsent(permission: "
                          "NSCameraUsageDescription, consentStatus: " +
                          std::string(rawValue(c.storedAfter))),
               c.reported);
   }
   // A key no probe answers is reported once something else was stored.
-  LumariKey custom = K::fromRawValue("com.example.Scanner");
-  const std::optional list = std::vector{permission(custom)};
-  PermissionManager manager(list, std::nullopt);
+  const K custom = K::fromRawValue("com.example.Scanner");
+  const std::optional customs = std::vector{permission(custom)};
+  PermissionManager manager(customs, std::nullopt);
   EXPECT_FALSE(manager.checkPermissions().changed);
   UDM::setPermissionConsent(custom, G);
   EXPECT_TRUE(manager.checkPermissions().changed);
@@ -174,11 +174,11 @@ TEST_F(PermissionManagerTest, UpdateOnlyRecordsWhatThePlatformReports) {
   EXPECT_TRUE(UDM::allEntries().empty());
   UDM::setPermissionConsent(kCamera, G);
   EXPECT_TRUE(manager.updatePermissionConsent(permission(kCamera), D, kConsentExplicit));
-  EXPECT_EQ(UDM::getPermissionConsent(kCamera, N), W);
-  EXPECT_TRUE(UDM::getBool(keys::kArePermissionsChanged));
-  EXPECT_EQ(UDM::getInt64(keys::kPermissionsChangeTimestamp, 0), 1700000000);
-  EXPECT_EQ(UDM::getString(keys::kConsentGivenType, ""), kConsentExplicit);
-  EXPECT_EQ(UDM::getPendingPermissions(), std::vector<std::string>{"NSCameraUsageDescription"});
+  EXPECT_EQ(
+      std::tuple(UDM::getPermissionConsent(kCamera, N), UDM::getBool(keys::kArePermissionsChanged),
+                 UDM::getInt64(keys::kPermissionsChangeTimestamp, 0),
+                 UDM::getString(keys::kConsentGivenType, ""), UDM::getPendingPermissions()),
+      std::tuple(W, true, 1700000000, kConsentExplicit, Strings{"NSCameraUsageDescription"}));
 }
 
 TEST_F(PermissionManagerTest, SettingsPromptFlagsAndOrder) {
