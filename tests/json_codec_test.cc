@@ -17,9 +17,8 @@ namespace pactivo {
 namespace {
 
 std::string readData(const std::string& name) {
-  std::ifstream in(PACTIVO_TEST_DATA_DIR "/" + name);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(PACTIVO_TEST_DATA_DIR "/" + name).rdbuf();
   return text.str();
 }
 
@@ -44,18 +43,16 @@ std::string everyKey(const char* name) {
   return std::string(buffer.GetString(), buffer.GetSize());
 }
 
-// "=> " and the value encoded again, or "=! " and the decoding error.
-template <typename T>
-std::string decodeThenEncode(std::string_view json) {
-  auto decoded = decode<T>(json);
-  return decoded.ok() ? "=> " + encode(*decoded.value) : "=! " + decoded.error;
-}
-
-// decodeThenEncode() for the type called `type`.
+// For the type called `type`: "=> " and the value decoded and encoded again,
+// or "=! " and the decoding error.
 template <typename... Types>
 std::string decodeAs(std::string_view type, std::string_view json) {
   std::string out = "no such type";
-  ((typeName<Types>() == type ? void(out = decodeThenEncode<Types>(json)) : void()), ...);
+  auto attempt = [&]<typename T>(T*) {
+    auto decoded = decode<T>(json);
+    out = decoded.ok() ? "=> " + encode(*decoded.value) : "=! " + decoded.error;
+  };
+  ((typeName<Types>() == type ? attempt(static_cast<Types*>(nullptr)) : void()), ...);
   return out;
 }
 
@@ -66,7 +63,6 @@ TEST(JsonCodec, EveryKeyAsTheServersSpellIt) {
   auto decoded = decode<MainConfiguration>(configuration);
   ASSERT_TRUE(decoded.ok()) << decoded.error;
   EXPECT_EQ(encode(*decoded.value), configuration);  // exact: the members in table order
-  EXPECT_EQ(decode<MainConfiguration>(encode(*decoded.value)).value, decoded.value);
 
   auto example = decode<MainConfiguration>(testing::exampleDocument());
   ASSERT_TRUE(example.ok()) << example.error;
