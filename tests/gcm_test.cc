@@ -108,7 +108,7 @@ TEST_F(GcmTest, HandOffOnlyWhenEnabledAndComplete) {
   noConfig.gcmConfig.reset();
   noPurposes.purposes.reset();
   for (MainConfiguration* d :
-       {&off, &absent, &noConfig, &noPurposes, (MainConfiguration*)nullptr}) {
+       {&off, &absent, &noConfig, &noPurposes, static_cast<MainConfiguration*>(nullptr)}) {
     Helper::updateFirebaseConsent(d, "US");
   }
   EXPECT_TRUE(log_.messages().empty() && payloads_.empty()) << log_.text();
