@@ -51,8 +51,8 @@ int childBody() {
   // and regains its carrier.
   const char* steps[] = {
       "true",
-      "ip link add pv0 type veth peer name pv1 && ip addr add 10.254.0.1/30 dev pv0 && "
-      "ip link set pv1 up && ip link set pv0 up && ip route add default via 10.254.0.2 dev pv0",
+      ("ip link add pv0 type veth peer name pv1 && ip addr add 10.254.0.1/30 dev pv0 && "
+       "ip link set pv1 up && ip link set pv0 up && ip route add default via 10.254.0.2 dev pv0"),
       "ip link set pv1 down", "ip link set pv1 up"};
   for (std::size_t i = 0; i < std::size(steps); ++i) {
     if (!quietly(steps[i])) return kSkipped;
