@@ -21,35 +21,34 @@ std::string stamp(std::chrono::system_clock::time_point t) {
 TEST(LoggerTest, LineFormats) {
   struct Case {
     LogLevel threshold, level;
-    std::optional<std::string> libraryVersion;
     std::string adId;
-    bool attEnabled, stored;  // stored: subject SUBJ and configuration version 3
+    bool attEnabled, stored;  // stored: version 1.2.3, subject SUBJ, configuration 3
     std::string expected;
   } cases[] = {
       // A message is printed from its threshold up (debug, info, warning, error).
-      {LogLevel::info, LogLevel::debug, "1.2.3", "", true, true, ""},
-      {LogLevel::error, LogLevel::warning, "1.2.3", "", true, true, ""},
-      {LogLevel::error, LogLevel::error, "1.2.3", "", true, true,
+      {LogLevel::info, LogLevel::debug, "", true, true, ""},
+      {LogLevel::error, LogLevel::warning, "", true, true, ""},
+      {LogLevel::error, LogLevel::error, "", true, true,
        "Configuration Version: 3\nTIME [ERROR]abc\n"},
       // Below debug: the configuration version, no space before the text, and
       // no identifier.
-      {LogLevel::warning, LogLevel::warning, "1.2.3", "AD-ID", true, true,
+      {LogLevel::warning, LogLevel::warning, "AD-ID", true, true,
        "Configuration Version: 3\nTIME [WARNING]abc\n"},
-      {LogLevel::debug, LogLevel::debug, "1.2.3", "AD-ID", true, true,
+      {LogLevel::debug, LogLevel::debug, "AD-ID", true, true,
        "SDK Version: 1.2.3\n|ATT AD ID: AD-ID\n|Subject Identity: SUBJ\nConfiguration Version: "
        "3\nTIME [DEBUG] [logger_test.cc:LINE] fetch() - abc\n"},
       // Nothing stored, no version, tracking off: the identifier is not shown.
-      {LogLevel::debug, LogLevel::info, std::nullopt, "AD-ID", false, false,
+      {LogLevel::debug, LogLevel::info, "AD-ID", false, false,
        "Subject Identity: \nConfiguration Version: 0\nTIME [INFO] [logger_test.cc:LINE] fetch() - "
        "abc\n"},
-      {LogLevel::debug, LogLevel::error, std::nullopt, "", true, false,
+      {LogLevel::debug, LogLevel::error, "", true, false,
        "Subject Identity: \nConfiguration Version: 0\nTIME [ERROR] [logger_test.cc:LINE] fetch() - "
        "abc\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.expected);
     testing::ScopedPlatform scoped;
-    scoped.platform().setLibraryVersion(c.libraryVersion);
+    scoped.platform().setLibraryVersion(c.stored ? std::optional("1.2.3") : std::nullopt);
     scoped.platform().setAdvertisingIdentifier(c.adId);
     UserDefaultManager::setBool(keys::kIsAttEnabled, c.attEnabled);
     if (c.stored) {
