@@ -3,6 +3,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <map>
+
 #include "pactivo/consent_records.h"
 #include "pactivo/platform.h"
 #include "support/test_support.h"
@@ -10,16 +12,28 @@
 namespace pactivo {
 namespace {
 
-// Sets a variable, or unsets it for nullptr; only in a child (runInChild),
-// so that the test's own environment stays as it was.
-void set(std::vector<const char*> names, std::vector<const char*> values) {
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    values[i] ? setenv(names[i], values[i], 1) : unsetenv(names[i]);
+// Sets environment variables (nullptr unsets) for one scope, then restores them.
+class ScopedEnvironment {
+ public:
+  explicit ScopedEnvironment(const std::map<std::string, const char*>& values) {
+    for (const auto& [name, value] : values) {
+      const char* old = getenv(name.c_str());
+      saved_[name] = old ? std::optional<std::string>(old) : std::nullopt;
+      value ? setenv(name.c_str(), value, 1) : unsetenv(name.c_str());
+    }
   }
-}
+  ~ScopedEnvironment() {
+    for (const auto& [name, value] : saved_) {
+      value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+    }
+  }
+
+ private:
+  std::map<std::string, std::optional<std::string>> saved_;
+};
 
 TEST(LinuxPlatformTest, PreferredLanguagesFromTheLocale) {
-  const struct {
+  struct Case {
     const char *language, *all, *messages, *lang;
     std::vector<std::string> languages;
   } cases[] = {
@@ -31,20 +45,18 @@ TEST(LinuxPlatformTest, PreferredLanguagesFromTheLocale) {
       {nullptr, nullptr, nullptr, nullptr, {"en"}},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(testing::runInChild([&] {
-                set({"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"},
-                    {c.language, c.all, c.messages, c.lang});
-                return LinuxPlatform().preferredLanguages() == c.languages ? 0 : 1;
-              }),
-              0)
-        << &c - cases;
+    ScopedEnvironment env({{"LANGUAGE", c.language},
+                           {"LC_ALL", c.all},
+                           {"LC_MESSAGES", c.messages},
+                           {"LANG", c.lang}});
+    EXPECT_EQ(LinuxPlatform().preferredLanguages(), c.languages) << &c - cases;
   }
 }
 
 TEST(LinuxPlatformTest, DataDirectory) {
   // Services started with an empty environment: the password database's home.
   const std::string passwd = std::string(getpwuid(getuid())->pw_dir) + "/.local/share/a";
-  const struct {
+  struct Case {
     const char *xdg, *home;
     LinuxPlatform::Settings settings;
     std::string directory;
@@ -57,13 +69,8 @@ TEST(LinuxPlatformTest, DataDirectory) {
       {nullptr, nullptr, {"a", {}, {}, {}}, passwd},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(testing::runInChild([&] {
-                set({"XDG_DATA_HOME", "HOME"}, {c.xdg, c.home});
-                return LinuxPlatform(c.settings).applicationSupportDirectory() == c.directory ? 0
-                                                                                              : 1;
-              }),
-              0)
-        << &c - cases;
+    ScopedEnvironment env({{"XDG_DATA_HOME", c.xdg}, {"HOME", c.home}});
+    EXPECT_EQ(LinuxPlatform(c.settings).applicationSupportDirectory(), c.directory) << &c - cases;
   }
 }
 
