@@ -65,29 +65,25 @@ TEST_F(GcmTest, RegionSelectionForTheHandOff) {
   }
 }
 
+// Empty and absent lists deny in the hand-off and are left out of the query.
 TEST_F(GcmTest, DecisionFromStoredConsents) {
-  struct Case {
-    const char* name;
+  GcmConfig gcm;
+  gcm.defaultMapping = mapping(Ids{1, 2}, Ids{}, Ids{1});
+  const struct {
     std::optional<ComplianceType> compliance;
     std::map<std::string, ConsentStatus> stored;
-    bool analytics;        // purposes 1 and 2
-    bool personalization;  // purpose 1
+    bool analytics, personalization;  // purposes 1 and 2; purpose 1
   } cases[] = {
-      {"opt-out, nothing stored", kOptOut, {}, true, true},
-      {"opt-out, one withdrawn", kOptOut, {{"2", W}}, false, true},
-      {"opt-in, nothing stored", kOptIn, {}, false, false},
-      {"opt-in, all granted", kOptIn, {{"1", G}, {"2", G}}, true, true},
-      {"notice-only, one not determined", {}, {{"1", N}}, false, false},
-      {"opt-in, one granted one missing", kOptIn, {{"1", G}}, false, true},
+      {kOptOut, {}, true, true},         {kOptOut, {{"2", W}}, false, true},
+      {kOptIn, {}, false, false},        {kOptIn, {{"1", G}, {"2", G}}, true, true},
+      {{}, {{"1", N}}, false, false},  // notice-only
+      {kOptIn, {{"1", G}}, false, true},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases);
     UserDefaultManager::removeAllConsents();
     if (c.compliance) UserDefaultManager::setComplianceType(*c.compliance);
     for (const auto& [key, status] : c.stored) UserDefaultManager::setPurposeConsent(key, status);
-    GcmConfig gcm;
-    gcm.defaultMapping = mapping(Ids{1, 2}, Ids{}, Ids{1});
-    // Empty and absent lists deny in the hand-off and are left out of the query.
     EXPECT_EQ(Helper::consentMap(*gcm.defaultMapping),
               (Helper::ConsentMap{{analyticsStorage, c.analytics},
                                   {adStorage, false},
@@ -101,46 +97,37 @@ TEST_F(GcmTest, DecisionFromStoredConsents) {
 
 TEST_F(GcmTest, HandOffOnlyWhenEnabledAndComplete) {
   UserDefaultManager::setComplianceType(kOptOut);
-  MainConfiguration document;
-  document.isGcmEnabled = true;
-  document.purposes = std::vector<Purpose>{};
-  document.gcmConfig = config({{"US, CA", mapping(Ids{1})}});
-  struct Case {
-    const char* name;
-    std::function<void(MainConfiguration&)> change;
-    std::optional<std::string> location;
-    const char* logged;  // nullptr: nothing at all
-  } cases[] = {
-      {"absent switch", [](MainConfiguration& d) { d.isGcmEnabled.reset(); }, "US", nullptr},
-      {"switched off", [](MainConfiguration& d) { d.isGcmEnabled = false; }, "US", nullptr},
-      {"no gcm config", [](MainConfiguration& d) { d.gcmConfig.reset(); }, "US", nullptr},
-      {"no purposes", [](MainConfiguration& d) { d.purposes.reset(); }, "US", nullptr},
-      {"no mapping, no location", [](MainConfiguration& d) { d.gcmConfig = GcmConfig{}; },
-       std::nullopt,
-       "updateFirebaseConsent(mainConfiguration:location:) - No GCM mapping found for location: "
-       "nil"},
-      {"no mapping", [](MainConfiguration& d) { d.gcmConfig = GcmConfig{}; }, "DE",
-       "No GCM mapping found for location: DE"},
-      {"handed off", [](MainConfiguration&) {}, "CA",
-       "setFirebaseConsent(consentMap:) - Firebase consent updated successfully: "
-       "[analytics_storage: true, ad_storage: false, ad_user_data: false, ad_personalization: "
-       "false]"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    MainConfiguration copy = document;
-    c.change(copy);
-    log_.clear();
-    Helper::updateFirebaseConsent(&copy, c.location);
-    EXPECT_EQ(c.logged ? log_.count(c.logged) : log_.messages().size(), c.logged ? 1u : 0u);
+  MainConfiguration full;
+  full.isGcmEnabled = true;
+  full.purposes = std::vector<Purpose>{};
+  full.gcmConfig = config({{"US, CA", mapping(Ids{1})}});
+  // Without the switch, the settings or the purposes: nothing at all.
+  MainConfiguration off = full, absent = full, noConfig = full, noPurposes = full, unmapped = full;
+  off.isGcmEnabled = false;
+  absent.isGcmEnabled.reset();
+  noConfig.gcmConfig.reset();
+  noPurposes.purposes.reset();
+  for (MainConfiguration* d :
+       {&off, &absent, &noConfig, &noPurposes, static_cast<MainConfiguration*>(nullptr)}) {
+    Helper::updateFirebaseConsent(d, "US");
   }
-  ASSERT_EQ(payloads_.size(), 1u);
-  EXPECT_EQ(payloads_[0], (std::map<std::string, std::string>{{"analytics_storage", "granted"},
-                                                              {"ad_storage", "denied"},
-                                                              {"ad_user_data", "denied"},
-                                                              {"ad_personalization", "denied"}}));
-  Helper::updateFirebaseConsent(nullptr, "US");
-  EXPECT_EQ(payloads_.size(), 1u);
+  EXPECT_TRUE(log_.messages().empty() && payloads_.empty()) << log_.text();
+  unmapped.gcmConfig = GcmConfig{};
+  Helper::updateFirebaseConsent(&unmapped, std::nullopt);
+  Helper::updateFirebaseConsent(&unmapped, "DE");
+  Helper::updateFirebaseConsent(&full, "CA");
+  EXPECT_EQ(log_.count("updateFirebaseConsent(mainConfiguration:location:) - No GCM mapping found "
+                       "for location: nil"),
+            1u);
+  EXPECT_EQ(log_.count("No GCM mapping found for location: DE"), 1u);
+  EXPECT_EQ(log_.count("setFirebaseConsent(consentMap:) - Firebase consent updated successfully: "
+                       "[analytics_storage: true, ad_storage: false, ad_user_data: false, "
+                       "ad_personalization: false]"),
+            1u);
+  EXPECT_EQ(payloads_, (decltype(payloads_){{{"analytics_storage", "granted"},
+                                             {"ad_storage", "denied"},
+                                             {"ad_user_data", "denied"},
+                                             {"ad_personalization", "denied"}}}));
   // Without a handler of the host's, Firebase is looked for in the process.
   scoped_.platform().setConsentModeHandler(nullptr);
   log_.clear();

@@ -17,9 +17,8 @@ namespace pactivo {
 namespace {
 
 std::string readData(const std::string& name) {
-  std::ifstream in(PACTIVO_TEST_DATA_DIR "/" + name);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(PACTIVO_TEST_DATA_DIR "/" + name).rdbuf();
   return text.str();
 }
 
@@ -44,18 +43,16 @@ std::string everyKey(const char* name) {
   return std::string(buffer.GetString(), buffer.GetSize());
 }
 
-// "=> " and the value encoded again, or "=! " and the decoding error.
-template <typename T>
-std::string decodeThenEncode(std::string_view json) {
-  auto decoded = decode<T>(json);
-  return decoded.ok() ? "=> " + encode(*decoded.value) : "=! " + decoded.error;
-}
-
-// decodeThenEncode() for the type called `type`.
+// For the type called `type`: "=> " and the value decoded and encoded again,
+// or "=! " and the decoding error.
 template <typename... Types>
 std::string decodeAs(std::string_view type, std::string_view json) {
   std::string out = "no such type";
-  ((typeName<Types>() == type ? void(out = decodeThenEncode<Types>(json)) : void()), ...);
+  auto attempt = [&]<typename T>(T*) {
+    auto decoded = decode<T>(json);
+    out = decoded.ok() ? "=> " + encode(*decoded.value) : "=! " + decoded.error;
+  };
+  ((typeName<Types>() == type ? attempt(static_cast<Types*>(nullptr)) : void()), ...);
   return out;
 }
 
@@ -66,7 +63,6 @@ TEST(JsonCodec, EveryKeyAsTheServersSpellIt) {
   auto decoded = decode<MainConfiguration>(configuration);
   ASSERT_TRUE(decoded.ok()) << decoded.error;
   EXPECT_EQ(encode(*decoded.value), configuration);  // exact: the members in table order
-  EXPECT_EQ(decode<MainConfiguration>(encode(*decoded.value)).value, decoded.value);
 
   auto example = decode<MainConfiguration>(testing::exampleDocument());
   ASSERT_TRUE(example.ok()) << example.error;
@@ -106,32 +102,20 @@ TEST(JsonCodec, DecodeCases) {
 }
 
 TEST(JsonCodec, HostileInputFailsCleanly) {
-  std::string deep = std::string(100000, '[') + std::string(100000, ']');
   std::string deepObjects;
   for (int i = 0; i < 5000; ++i) deepObjects += "{\"i18n\":";
   deepObjects += "{}" + std::string(5000, '}');
-  std::string hostile[] = {"",
-                           "{",
-                           "{\"version\": 1",
-                           "{\"version\": NaN}",
-                           "{\"version\": Infinity}",
-                           "{\"version\": -Infinity}",
-                           "\xEF\xBB\xBF{}",
-                           "{} trailing",
-                           "{}{}",
-                           std::string("{\"name\": \"\xC3\x28\"}"),
-                           std::string("{\"name\": \"\xFF\"}"),
-                           std::string("{\"a\": 1}\0", 9),
-                           "{'name': 'single quotes'}",
-                           "{\"name\": \"unterminated}",
-                           "{\"version\": 00012}",
-                           deep,
-                           deepObjects,
-                           std::string(1 << 20, ' ')};
-  for (const auto& json : hostile) {
+  for (const std::string& json :
+       {std::string(), std::string("{"), std::string("{\"version\": 1"),
+        std::string("{\"version\": NaN}"), std::string("{\"version\": Infinity}"),
+        std::string("{\"version\": -Infinity}"), std::string("{} trailing"), std::string("{}{}"),
+        std::string("{\"name\": \"\xC3\x28\"}"), std::string("{\"name\": \"\xFF\"}"),
+        std::string("{\"a\": 1}\0", 9), std::string("{'name': 'single quotes'}"),
+        std::string("{\"name\": \"unterminated}"), std::string("{\"version\": 00012}"),
+        std::string(100000, '[') + std::string(100000, ']'), deepObjects,
+        std::string(1 << 20, ' ')}) {
     auto decoded = decode<MainConfiguration>(json);
-    EXPECT_FALSE(decoded.ok()) << json.substr(0, 40);
-    EXPECT_FALSE(decoded.error.empty());
+    EXPECT_FALSE(decoded.ok() || decoded.error.empty()) << json.substr(0, 40);
   }
   EXPECT_EQ(decode<MainConfiguration>("\xEF\xBB\xBF{}").error,
             "invalid JSON: the document starts with a byte-order mark");
@@ -148,36 +132,26 @@ TEST(JsonCodec, ToJsonStringKeepsUtf8AndRejectsInvalidBytes) {
   EXPECT_EQ(encode(banner), R"({"name":"n"})");
 }
 
-// The case at `index` of an enumeration or of LumariKey.
-template <typename T>
-T caseAt(std::size_t index) {
-  return static_cast<T>(index);
-}
-template <>
-LumariKey caseAt<LumariKey>(std::size_t index) {
-  return LumariKey(static_cast<LumariKey::Case>(index));
-}
-
 // Each case of each of Types codes as its raw value, listed in case order in
 // tests/data/raw_values.txt.
 template <typename... Types>
 void expectRawValues() {
   std::map<std::string, std::string> raws;
   for (const std::string& line : dataLines("raw_values.txt")) {
-    raws[line.substr(0, line.find(": "))] = line.substr(line.find(": ") + 2) + ",";
+    raws[line.substr(0, line.find(": "))] = line.substr(line.find(": ") + 2);
   }
-  auto expect = [&](auto first) {
-    using T = decltype(first);
-    const std::string& list = raws[std::string(typeName<T>())];
-    ASSERT_FALSE(list.empty()) << typeName<T>();
-    for (std::size_t index = 0, start = 0; start < list.size(); ++index) {
-      const std::string json = "\"" + list.substr(start, list.find(',', start) - start) + "\"";
-      start = list.find(',', start) + 1;
-      EXPECT_EQ(encode(caseAt<T>(index)), json) << typeName<T>();
-      EXPECT_EQ(decode<T>(json).value, caseAt<T>(index)) << json;
+  auto expect = [&]<typename T>(T*) {
+    std::istringstream list(raws[std::string(typeName<T>())]);
+    std::size_t index = 0;
+    for (std::string raw; std::getline(list, raw, ','); ++index) {
+      using Case = std::conditional_t<std::is_enum_v<T>, T, LumariKey::Case>;
+      const T value(static_cast<Case>(index));
+      EXPECT_EQ(encode(value), "\"" + raw + "\"") << typeName<T>();
+      EXPECT_EQ(decode<T>("\"" + raw + "\"").value, value) << raw;
     }
+    EXPECT_GT(index, 1u) << typeName<T>();
   };
-  (expect(caseAt<Types>(0)), ...);
+  (expect(static_cast<Types*>(nullptr)), ...);
 }
 
 TEST(JsonCodec, RawValueTypesCodeAsTheirRawValueStrings) {
@@ -188,30 +162,26 @@ TEST(JsonCodec, RawValueTypesCodeAsTheirRawValueStrings) {
 // Records compare and hash every field, those kept out of JSON included;
 // localised texts compare and hash regardless of order.
 TEST(JsonCodec, EqualityAndHashes) {
+  auto same = [](const auto& a, const auto& b) {
+    using T = std::decay_t<decltype(a)>;
+    return std::to_string(a == b) + std::to_string(std::hash<T>{}(a) == std::hash<T>{}(b));
+  };
   LocalizedText a{{"en", "x"}, {"de", "y"}};
   LocalizedText b{{"de", "y"}, {"en", "x"}};
-  EXPECT_EQ(a, b);
-  EXPECT_EQ(std::hash<LocalizedText>{}(a), std::hash<LocalizedText>{}(b));
-  b.set("en", "z");
-  EXPECT_NE(a, b);
-  EXPECT_NE(a, (LocalizedText{{"en", "x"}}));
-
   auto example = decode<MainConfiguration>(testing::exampleDocument());
   ASSERT_TRUE(example.ok());
   MainConfiguration copy = *example.value;
-  std::hash<MainConfiguration> hash;
-  EXPECT_EQ(hash(copy), hash(*example.value));
+  std::string seen = same(a, b) + same(copy, *example.value) + " ";
+  b.set("en", "z");
   (*copy.purposes)[0].isATTMapped = true;
-  EXPECT_NE(copy, *example.value);
-  EXPECT_NE(hash(copy), hash(*example.value));
   AppPermission p, q;
   q.isSettingsPromptEnabled = false;
-  EXPECT_NE(p, q);
-  EXPECT_NE(std::hash<AppPermission>{}(p), std::hash<AppPermission>{}(q));
-  std::hash<WebViewConfig> web;
-  EXPECT_EQ(web(WebViewConfig({"a.example"}, "<p>")), web(WebViewConfig({"a.example"}, "<p>")));
-  EXPECT_NE(web(WebViewConfig({"a"}, std::nullopt)), web(WebViewConfig({"a"}, "")));
-  EXPECT_NE(web(WebViewConfig({"a", "b"}, "")), web(WebViewConfig({"ab"}, "")));
+  using Web = WebViewConfig;
+  seen += same(a, b) + same(a, LocalizedText{{"en", "x"}}) + same(copy, *example.value) +
+          same(p, q) + same(Web({"a"}, std::nullopt), Web({"a"}, "")) +
+          same(Web({"a", "b"}, ""), Web({"ab"}, "")) + " " +
+          same(Web({"a.example"}, "<p>"), Web({"a.example"}, "<p>"));
+  EXPECT_EQ(seen, "1111 000000000000 11");
 }
 
 }  // namespace

@@ -11,13 +11,14 @@ using UDM = UserDefaultManager;
 using K = LumariKey;
 constexpr auto G = ConsentStatus::granted, D = ConsentStatus::declined,
                W = ConsentStatus::withDrawn, N = ConsentStatus::notDetermined;
+const K kCamera(K::cameraUsageDescription);
+using Strings = std::vector<std::string>;
 
 // The first letter of each answer ("granted": 'g'), so a row of answers is one word.
-char letter(ConsentStatus status) { return rawValue(status)[0]; }
+char probe(LumariKey key) { return rawValue(PermissionManager::getConsentByPermission(key))[0]; }
 
-class PermissionProbeTest : public ::testing::Test {
+class PermissionManagerTest : public ::testing::Test {
  protected:
-  char probe(LumariKey key) { return letter(PermissionManager::getConsentByPermission(key)); }
   // Tracking and notifications have setters of their own; notifications
   // answer before the request returns.
   void answer(const std::string& probe, std::optional<int> code) {
@@ -30,76 +31,69 @@ class PermissionProbeTest : public ::testing::Test {
   testing::LogCapture log_;
 };
 
-TEST_F(PermissionProbeTest, EveryCodeOfEveryQueriedRow) {
-  struct Row {
-    const char* probe;
-    const char* byCode;  // the answer to codes 0..6, then -1, then an absent facility
-    std::vector<K::Case> keys;
+TEST_F(PermissionManagerTest, EveryCodeOfEveryQueriedKey) {
+  // The answer to codes 0..6, then -1, then an absent facility. Health: any
+  // non-zero availability reads as authorized. Bluetooth reads 1 and 2
+  // crosswise (denied, restricted): both decline.
+  const struct {
+    const char *probe, *byCode;
+    K::Case key;
   } rows[] = {
-      {"locationAuthorizationStatus",
-       "nddggnnnn",
-       {K::locationWhenInUseUsageDescription, K::locationAlwaysUsageDescription,
-        K::locationAlwaysAndWhenInUseUsageDescription}},
-      {"cameraAuthorizationStatus",
-       "nddgnnnnn",
-       {K::cameraUsageDescription, K::cameraBroadcastUsageDescription}},
-      {"microphoneAuthorizationStatus",
-       "nddgnnnnn",
-       {K::microphoneUsageDescription, K::microphoneBroadcastUsageDescription}},
-      {"photoLibraryAuthorizationStatus", "nddggnnnn", {K::photoLibraryUsageDescription}},
-      {"photoLibraryAddOnlyAuthorizationStatus", "nddggnnnn", {K::photoLibraryAddUsageDescription}},
-      {"siriAuthorizationStatus", "nddgnnnnn", {K::siriUsageDescription}},
-      // Any non-zero availability reads as authorized; zero as unknown.
-      {"healthDataAvailability",
-       "ngggggggn",
-       {K::healthShareUsageDescription, K::healthUpdateUsageDescription}},
-      // 1 and 2 are read crosswise (denied, restricted): both decline.
-      {"bluetoothAuthorization",
-       "nddgnnnnn",
-       {K::bluetoothPeripheralUsageDescription, K::bluetoothAlwaysUsageDescription}},
-      {"speechRecognitionAuthorizationStatus", "nddgnnnnn", {K::speechRecognitionUsageDescription}},
-      {"homeKitAuthorizationStatus", "ndgnngnnn", {K::homeKitUsageDescription}},
-      {"tracking", "nddgnnnnn", {K::userTrackingUsageDescription}},
-      {"notifications", "ndgggnnnn", {K::userNotificationsUsageDescription}},
+      {"locationAuthorizationStatus", "nddggnnnn", K::locationWhenInUseUsageDescription},
+      {"locationAuthorizationStatus", "nddggnnnn", K::locationAlwaysUsageDescription},
+      {"locationAuthorizationStatus", "nddggnnnn", K::locationAlwaysAndWhenInUseUsageDescription},
+      {"cameraAuthorizationStatus", "nddgnnnnn", K::cameraUsageDescription},
+      {"cameraAuthorizationStatus", "nddgnnnnn", K::cameraBroadcastUsageDescription},
+      {"microphoneAuthorizationStatus", "nddgnnnnn", K::microphoneUsageDescription},
+      {"microphoneAuthorizationStatus", "nddgnnnnn", K::microphoneBroadcastUsageDescription},
+      {"photoLibraryAuthorizationStatus", "nddggnnnn", K::photoLibraryUsageDescription},
+      {"photoLibraryAddOnlyAuthorizationStatus", "nddggnnnn", K::photoLibraryAddUsageDescription},
+      {"siriAuthorizationStatus", "nddgnnnnn", K::siriUsageDescription},
+      {"healthDataAvailability", "ngggggggn", K::healthShareUsageDescription},
+      {"healthDataAvailability", "ngggggggn", K::healthUpdateUsageDescription},
+      {"bluetoothAuthorization", "nddgnnnnn", K::bluetoothPeripheralUsageDescription},
+      {"bluetoothAuthorization", "nddgnnnnn", K::bluetoothAlwaysUsageDescription},
+      {"speechRecognitionAuthorizationStatus", "nddgnnnnn", K::speechRecognitionUsageDescription},
+      {"homeKitAuthorizationStatus", "ndgnngnnn", K::homeKitUsageDescription},
+      {"tracking", "nddgnnnnn", K::userTrackingUsageDescription},
+      {"notifications", "ndgggnnnn", K::userNotificationsUsageDescription},
   };
+  const std::optional<int> codes[] = {0, 1, 2, 3, 4, 5, 6, -1, std::nullopt};
   for (const auto& row : rows) {
-    for (K::Case key : row.keys) {
-      std::string seen;
-      for (std::optional<int> code : {0, 1, 2, 3, 4, 5, 6, -1}) {
-        answer(row.probe, code);
-        seen += probe(key);
-      }
-      answer(row.probe, std::nullopt);
-      seen += probe(key);
-      EXPECT_EQ(seen, row.byCode) << row.probe << " " << K(key).rawValue();
+    std::string seen;
+    for (std::optional<int> code : codes) {
+      answer(row.probe, code);
+      seen += probe(row.key);
     }
+    EXPECT_EQ(seen, row.byCode) << K(row.key).rawValue();
   }
-  // An answer that comes later is not waited for.
+  // An answer that comes later is not waited for; keys no probe answers
+  // read as not determined.
   scoped_.platform().setNotificationStatus(2, false);
-  EXPECT_EQ(probe(K::userNotificationsUsageDescription), 'n');
   answer("cameraAuthorizationStatus", 3);
   answer("locationAuthorizationStatus", 3);
-  for (LumariKey key : {K(K::contactsUsageDescription), K(K::calendarsUsageDescription),
-                        K(K::remindersUsageDescription), K(K::motionUsageDescription),
-                        K(K::appleMusicUsageDescription), K(K::faceIDUsageDescription),
-                        K(K::nfcReaderUsageDescription), K::makeCustom("NSCameraUsageDescription"),
-                        K::fromRawValue("com.example.Custom")}) {
-    EXPECT_EQ(probe(key), 'n') << key.rawValue();
+  std::string unanswered;
+  for (LumariKey key : {K(K::userNotificationsUsageDescription), K(K::contactsUsageDescription),
+                        K(K::calendarsUsageDescription), K(K::remindersUsageDescription),
+                        K(K::motionUsageDescription), K(K::appleMusicUsageDescription),
+                        K(K::faceIDUsageDescription), K(K::nfcReaderUsageDescription),
+                        K::makeCustom("NSCameraUsageDescription"), K::fromRawValue("com.x.Y")}) {
+    unanswered += probe(key);
   }
+  EXPECT_EQ(unanswered, "nnnnnnnnnn");
   // A probe that throws is logged and reads as not determined.
   scoped_.platform().setProbeFailure("camera service crashed");
-  EXPECT_EQ(probe(K::cameraUsageDescription), 'n');
+  EXPECT_EQ(probe(kCamera), 'n');
   EXPECT_TRUE(log_.contains("[ERROR] [permission_probe.cc:"));
   EXPECT_TRUE(
       log_.contains("getConsentByPermission(lumiriKey:) - Something went wrong while "
                     "fetching the permission status: camera service crashed"));
 }
 
-TEST_F(PermissionProbeTest, DeclaredKeysReadTheInformationDictionary) {
-  struct Row {
+TEST(PermissionProbeTest, DeclaredKeysReadTheInformationDictionary) {
+  const struct {
     K::Case key;
-    const char* infoKey;
-    const char* byText;  // absent, then each of the texts below
+    const char *infoKey, *byText;  // absent, then each of the texts below
   } rows[] = {
       {K::localNetworkUsageDescription, "NSLocalNetworkUsageDescription", "nnddgggn"},
       {K::fileProviderDomainUsageDescription, "NSFileProviderDomainUsageDescription", "nnddgnnn"},
@@ -111,7 +105,7 @@ TEST_F(PermissionProbeTest, DeclaredKeysReadTheInformationDictionary) {
                              "Always Authorized", "Authorized When In Use", "authorized"}) {
       testing::ScopedPlatform fresh;
       if (std::string_view(text) != "absent") fresh.platform().setInfo(row.infoKey, text);
-      seen += letter(PermissionManager::getConsentByPermission(row.key));
+      seen += probe(row.key);
     }
     EXPECT_EQ(seen, row.byText) << row.infoKey;
   }
@@ -125,79 +119,68 @@ AppPermission permission(LumariKey key, std::string name = "", std::optional<boo
   return p;
 }
 
-using PermissionManagerTest = PermissionProbeTest;
-
+// A key no probe answers ("com.x.Scanner") reads as not determined.
 TEST_F(PermissionManagerTest, CheckFollowsThePlatform) {
-  struct Case {
-    const char* name;
+  const K scanner = K::fromRawValue("com.x.Scanner");
+  const struct {
+    K key;
     std::optional<ConsentStatus> stored;
     std::optional<int> camera;
-    bool pending;
-    bool reported;
+    bool pending, reported;
     ConsentStatus storedAfter;
   } cases[] = {
-      {"first run, authorized", std::nullopt, 3, false, false, G},
-      {"first run, pending", std::nullopt, 3, true, true, G},
-      {"granted, now denied", G, 2, false, true, W},
-      {"withdrawn, still denied", W, 2, false, false, W},
-      {"declined, now granted", D, 3, false, true, G},
-      {"unchanged, pending again", G, 3, true, true, G},
-      {"facility gone", G, std::nullopt, false, true, N},
+      {kCamera, std::nullopt, 3, false, false, G},  // first run, authorized
+      {kCamera, std::nullopt, 3, true, true, G},    // first run, pending
+      {kCamera, G, 2, false, true, W},              // granted, now denied
+      {kCamera, W, 2, false, false, W},             // withdrawn, still denied
+      {kCamera, D, 3, false, true, G},              // declined, now granted
+      {kCamera, G, 3, true, true, G},               // unchanged, pending again
+      {kCamera, G, std::nullopt, false, true, N},   // facility gone
+      {scanner, std::nullopt, 3, false, false, N},
+      {scanner, G, 3, false, true, N},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases);
     UDM::removeAllConsents();
-    if (c.stored) UDM::setPermissionConsent(K::cameraUsageDescription, *c.stored);
-    if (c.pending) UDM::addPendingPermission(K::cameraUsageDescription);
+    if (c.stored) UDM::setPermissionConsent(c.key, *c.stored);
+    if (c.pending) UDM::addPendingPermission(c.key);
     answer("cameraAuthorizationStatus", c.camera);
-    const std::optional list = std::vector{permission(K::cameraUsageDescription), AppPermission{}};
-    PermissionManager manager(list, std::nullopt);
     log_.clear();
-    auto result = manager.checkPermissions();
-    EXPECT_EQ(result.changed, c.reported);
-    EXPECT_EQ(UDM::getPermissionConsent(K::cameraUsageDescription, D), c.storedAfter);
+    const std::optional list = std::vector{permission(c.key), AppPermission{}};
+    auto result = PermissionManager(list, std::nullopt).checkPermissions();
+    const std::string raw(c.key.rawValue());
+    EXPECT_EQ(result.consents,
+              std::vector(c.reported, PermissionConsent(c.key, c.storedAfter, 1700000000)));
+    EXPECT_EQ(std::tuple(result.changed, UDM::getPermissionConsent(c.key, D),
+                         UDM::getBool(keys::kArePermissionsChanged), UDM::getPendingPermissions()),
+              std::tuple(c.reported, c.storedAfter, false, Strings(c.reported, raw)));
     EXPECT_TRUE(log_.contains("checkPermissions() - Permissions consent checks executed."));
-    EXPECT_FALSE(UDM::getBool(keys::kArePermissionsChanged));
-    EXPECT_EQ(result.consents, std::vector<PermissionConsent>(
-                                   c.reported, PermissionConsent(K::cameraUsageDescription,
-                                                                 c.storedAfter, 1700000000)));
-    EXPECT_EQ(UDM::getPendingPermissions(),
-              std::vector<std::string>(c.reported, "NSCameraUsageDescription"));
-    EXPECT_EQ(log_.contains("checkPermissions() - Changed Permissions: [PermissionConsent("
-                            "permission: NSCameraUsageDescription, consentStatus: " +
-                            std::string(rawValue(c.storedAfter))),
-              c.reported);
+    EXPECT_EQ(
+        log_.count("checkPermissions() - Changed Permissions: [PermissionConsent(permission: " +
+                   raw + ", consentStatus: " + std::string(rawValue(c.storedAfter))),
+        c.reported);
   }
-  // A key no probe answers is reported once something else was stored.
-  LumariKey custom = K::fromRawValue("com.example.Scanner");
-  const std::optional list = std::vector{permission(custom)};
-  PermissionManager manager(list, std::nullopt);
-  EXPECT_FALSE(manager.checkPermissions().changed);
-  UDM::setPermissionConsent(custom, G);
-  EXPECT_TRUE(manager.checkPermissions().changed);
-  EXPECT_EQ(UDM::getPermissionConsent(custom, G), N);
 }
 
 TEST_F(PermissionManagerTest, UpdateOnlyRecordsWhatThePlatformReports) {
   answer("cameraAuthorizationStatus", 2);
   const std::optional<std::vector<AppPermission>> none;
   PermissionManager manager(none, std::nullopt);
-  AppPermission camera = permission(K::cameraUsageDescription);
-  EXPECT_FALSE(manager.updatePermissionConsent(camera, G, kConsentExplicit));
+  EXPECT_FALSE(manager.updatePermissionConsent(permission(kCamera), G, kConsentExplicit));
   EXPECT_FALSE(manager.updatePermissionConsent(AppPermission{}, D, kConsentExplicit));
   EXPECT_TRUE(UDM::allEntries().empty());
-  UDM::setPermissionConsent(K::cameraUsageDescription, G);
-  EXPECT_TRUE(manager.updatePermissionConsent(camera, D, kConsentExplicit));
-  EXPECT_EQ(UDM::getPermissionConsent(K::cameraUsageDescription, N), W);
-  EXPECT_TRUE(UDM::getBool(keys::kArePermissionsChanged));
-  EXPECT_EQ(UDM::getInt64(keys::kPermissionsChangeTimestamp, 0), 1700000000);
-  EXPECT_EQ(UDM::getString(keys::kConsentGivenType, ""), kConsentExplicit);
-  EXPECT_EQ(UDM::getPendingPermissions(), std::vector<std::string>{"NSCameraUsageDescription"});
+  UDM::setPermissionConsent(kCamera, G);
+  EXPECT_TRUE(manager.updatePermissionConsent(permission(kCamera), D, kConsentExplicit));
+  EXPECT_EQ(
+      std::tuple(UDM::getPermissionConsent(kCamera, N), UDM::getBool(keys::kArePermissionsChanged),
+                 UDM::getInt64(keys::kPermissionsChangeTimestamp, 0),
+                 UDM::getString(keys::kConsentGivenType, ""), UDM::getPendingPermissions()),
+      std::tuple(W, true, 1700000000, kConsentExplicit, Strings{"NSCameraUsageDescription"}));
 }
 
 TEST_F(PermissionManagerTest, SettingsPromptFlagsAndOrder) {
   const std::optional all =
-      std::vector{permission(K::cameraUsageDescription, "Camera", true),
+      std::vector{permission(kCamera, "Camera", true),
                   permission(K::microphoneUsageDescription, "camera", true),
                   permission(K::localNetworkUsageDescription, "Audio 10"),
                   permission(K::siriUsageDescription, "audio 9"), AppPermission{}};
@@ -206,20 +189,18 @@ TEST_F(PermissionManagerTest, SettingsPromptFlagsAndOrder) {
                                                    {"NSLocalNetworkUsageDescription", false}};
   // Equal names (case aside) keep document order; digits compare by value.
   // With a prompt, a key without an entry is off whatever its record says.
-  struct Case {
-    std::optional<SettingsPrompt> prompt;
-    const char* expected;
-  } cases[] = {{prompt, "Sir:0 Loc:0 Cam:1 Mic:0 "},
-               {SettingsPrompt{}, "Sir:0 Loc:0 Cam:0 Mic:0 "},
-               {std::nullopt, "Sir:- Loc:- Cam:1 Mic:1 "}};
-  for (const auto& c : cases) {
+  const std::pair<std::optional<SettingsPrompt>, const char*> cases[] = {
+      {prompt, "Sir:0 Loc:0 Cam:1 Mic:0 "},
+      {SettingsPrompt{}, "Sir:0 Loc:0 Cam:0 Mic:0 "},
+      {std::nullopt, "Sir:- Loc:- Cam:1 Mic:1 "}};
+  for (const auto& [settings, expected] : cases) {
     std::string seen;
-    for (const AppPermission& p : PermissionManager(all, c.prompt).getPermissions()) {
+    for (const AppPermission& p : PermissionManager(all, settings).getPermissions()) {
       seen += std::string(p.permissionId->rawValue()).substr(2, 3) + ":" +
-              (p.isSettingsPromptEnabled ? (*p.isSettingsPromptEnabled ? "1 " : "0 ") : "- ");
-      EXPECT_EQ(p.consentStatus, N);
+              (p.isSettingsPromptEnabled ? (*p.isSettingsPromptEnabled ? "1" : "0") : "-") +
+              (p.consentStatus == N ? " " : "? ");
     }
-    EXPECT_EQ(seen, c.expected);
+    EXPECT_EQ(seen, expected);
   }
 }
 

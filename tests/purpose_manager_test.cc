@@ -13,6 +13,7 @@ constexpr auto G = ConsentStatus::granted, D = ConsentStatus::declined,
                W = ConsentStatus::withDrawn, N = ConsentStatus::notDetermined;
 constexpr std::nullopt_t kNone = std::nullopt;
 constexpr int kAuthorized = 3;
+using Ids = std::vector<std::int64_t>;
 
 // The list is read in place: a temporary one once dangled.
 static_assert(!std::is_constructible_v<PurposeManager, std::optional<std::vector<Purpose>>&&,
@@ -31,18 +32,15 @@ ATTConfig att(std::vector<std::int64_t> ids, bool showInfo = true) {
   return ATTConfig{showInfo, ids, LocalizedText{{"en", "tracking text"}}};
 }
 
-struct PurposeList {
-  std::optional<std::vector<Purpose>> list;
-};
-class OwnedPurposeManager : private PurposeList, public PurposeManager {
- public:
-  OwnedPurposeManager(std::vector<Purpose> purposes, std::optional<bool> enabled = false,
-                      std::optional<ATTConfig> config = kNone)
-      : PurposeList{std::move(purposes)}, PurposeManager(list, enabled, config) {}
-};
-
 class PurposeManagerTest : public ::testing::Test {
  protected:
+  // A manager over `purposes`, which stay here: the manager reads them in place.
+  PurposeManager manager(std::vector<Purpose> purposes, std::optional<bool> enabled = false,
+                         std::optional<ATTConfig> config = kNone) {
+    list_ = std::move(purposes);
+    return PurposeManager(list_, enabled, config);
+  }
+  std::optional<std::vector<Purpose>> list_;
   testing::ScopedPlatform scoped_;
   testing::LogCapture log_;
 };
@@ -53,17 +51,15 @@ TEST_F(PurposeManagerTest, ComplianceDefaults) {
        {std::optional<ComplianceType>(), std::optional(ComplianceType::noticeOnly),
         std::optional(ComplianceType::optOut), std::optional(ComplianceType::optIn)}) {
     if (compliance) UDM::setComplianceType(*compliance);
-    seen += rawValue(*OwnedPurposeManager({purpose(1)}).getPurposes()[0].consentStatus);
-    seen += " ";
+    seen += std::string(rawValue(*manager({purpose(1)}).getPurposes()[0].consentStatus)) + " ";
   }
   EXPECT_EQ(seen, "granted granted granted declined ");
   UDM::setPurposeConsent("1", W);
-  EXPECT_EQ(OwnedPurposeManager({purpose(1)}).getPurposes()[0].consentStatus, W);
+  EXPECT_EQ(manager({purpose(1)}).getPurposes()[0].consentStatus, W);
 }
 
 TEST_F(PurposeManagerTest, UpdateRefusalsAndWithdrawal) {
-  struct Case {
-    const char* name;
+  const struct {
     Purpose purpose;
     std::optional<ConsentStatus> stored;
     ConsentStatus requested;
@@ -71,94 +67,87 @@ TEST_F(PurposeManagerTest, UpdateRefusalsAndWithdrawal) {
     std::optional<ConsentStatus> storedAfter;  // nullopt: refused
     bool changeFlagged;
   } cases[] = {
-      {"no id", purpose(kNone), kNone, G, kConsentExplicit, kNone, false},
-      {"essential declined", purpose(1, true), kNone, D, kConsentExplicit, kNone, false},
-      {"essential withdrawn", purpose(1, true), G, W, kConsentExplicit, kNone, false},
-      {"essential granted", purpose(1, true), kNone, G, kConsentExplicit, G, false},
-      {"not determined", purpose(1), kNone, N, kConsentExplicit, kNone, false},
-      {"granted then declined", purpose(1), G, D, kConsentExplicit, W, true},
-      {"withdrawn then declined", purpose(1), W, D, kConsentExplicit, W, true},
-      {"declined again", purpose(1), D, D, kConsentImplicit, D, false},
-      {"declined then granted", purpose(1), D, G, kConsentExplicit, G, true},
-      {"first choice", purpose(1), kNone, D, kConsentExplicit, D, false},
-      {"no action keeps the type", purpose(1), kNone, G, kConsentNoAction, G, false},
+      {purpose(kNone), kNone, G, kConsentExplicit, kNone, false},    // no id
+      {purpose(1, true), kNone, D, kConsentExplicit, kNone, false},  // essential declined
+      {purpose(1, true), G, W, kConsentExplicit, kNone, false},      // essential withdrawn
+      {purpose(1, true), kNone, G, kConsentExplicit, G, false},      // essential granted
+      {purpose(1), kNone, N, kConsentExplicit, kNone, false},
+      {purpose(1), G, D, kConsentExplicit, W, true},  // declining a grant withdraws it
+      {purpose(1), W, D, kConsentExplicit, W, true},
+      {purpose(1), D, D, kConsentImplicit, D, false},
+      {purpose(1), D, G, kConsentExplicit, G, true},
+      {purpose(1), kNone, D, kConsentExplicit, D, false},  // a first choice is no change
+      {purpose(1), kNone, G, kConsentNoAction, G, false},  // no action keeps the type
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases);
     UDM::removeAllConsents();
     UDM::setString(keys::kConsentGivenType, "before");
     if (c.stored) UDM::setPurposeConsent("1", *c.stored);
-    OwnedPurposeManager manager({c.purpose});
     const bool accepted = c.storedAfter.has_value();
-    EXPECT_EQ(manager.updatePurposeConsent(c.purpose, c.requested, c.type), accepted);
-    EXPECT_EQ(UDM::getStoredConsent("1"), accepted ? c.storedAfter : c.stored);
-    EXPECT_EQ(UDM::getBool(keys::kArePurposesChanged), c.changeFlagged);
-    EXPECT_EQ(UDM::getInt64(keys::kPurposesChangeTimestamp, 0), c.changeFlagged ? 1700000000 : 0);
-    EXPECT_EQ(UDM::getPendingPurposes(), std::vector<std::int64_t>(accepted, 1));
-    EXPECT_EQ(UDM::getString(keys::kConsentGivenType, ""),
-              accepted && c.type != kConsentNoAction ? c.type : "before");
+    EXPECT_EQ(manager({c.purpose}).updatePurposeConsent(c.purpose, c.requested, c.type), accepted);
+    EXPECT_EQ(std::tuple(UDM::getStoredConsent("1"), UDM::getBool(keys::kArePurposesChanged),
+                         UDM::getInt64(keys::kPurposesChangeTimestamp, 0),
+                         UDM::getPendingPurposes(), UDM::getString(keys::kConsentGivenType, "")),
+              std::tuple(accepted ? c.storedAfter : c.stored, c.changeFlagged,
+                         c.changeFlagged ? 1700000000 : 0, Ids(accepted, 1),
+                         accepted && c.type != kConsentNoAction ? c.type : "before"));
   }
 }
 
+// A purpose mapped to tracking follows the platform's authorization.
 TEST_F(PurposeManagerTest, TrackingMapping) {
-  struct Case {
-    const char* name;
+  const struct {
     std::optional<ComplianceType> compliance;
     std::optional<ConsentStatus> stored;
     int tracking;
     ConsentStatus evaluated;
     std::optional<ConsentStatus> storedAfterCheck;
-    bool checkReportsChange;
   } cases[] = {
-      {"stored granted, not authorized", kNone, G, 2, W, W, true},
-      {"stored withdrawn, authorized", kNone, W, kAuthorized, G, G, true},
-      {"stored declined, authorized", ComplianceType::optIn, D, kAuthorized, G, G, true},
-      {"nothing stored, opt-in, not authorized", ComplianceType::optIn, kNone, 0, D, kNone, false},
-      {"nothing stored, opt-out, not authorized", ComplianceType::optOut, kNone, 0, D, D, true},
-      {"nothing stored, authorized", ComplianceType::optOut, kNone, kAuthorized, G, kNone, false},
-      {"stored granted, authorized", kNone, G, kAuthorized, G, G, false},
+      {kNone, G, 2, W, W},
+      {kNone, W, kAuthorized, G, G},
+      {ComplianceType::optIn, D, kAuthorized, G, G},
+      {ComplianceType::optIn, kNone, 0, D, kNone},
+      {ComplianceType::optOut, kNone, 0, D, D},
+      {ComplianceType::optOut, kNone, kAuthorized, G, kNone},
+      {kNone, G, kAuthorized, G, G},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(&c - cases);
     UDM::removeAllConsents();
+    log_.clear();
     if (c.compliance) UDM::setComplianceType(*c.compliance);
     if (c.stored) UDM::setPurposeConsent("7", *c.stored);
     scoped_.platform().setTrackingAuthorizationStatus(c.tracking);
-    OwnedPurposeManager manager({purpose(8, kNone, LocalizedText{{"en", "A"}}),
-                                 purpose(7, kNone, LocalizedText{{"en", "B"}})},
-                                true, att({7}));
-    auto purposes = manager.getPurposes();
-    ASSERT_EQ(purposes.size(), 2u);
-    EXPECT_EQ(purposes[0].purposeId, 7);  // the tracking group comes before the rest
-    EXPECT_EQ(std::make_pair(purposes[0].isATTMapped, purposes[1].isATTMapped),
-              std::make_pair(std::optional(true), std::optional<bool>()));
-    EXPECT_EQ(*purposes[0].attDescription->find("en"), "tracking text");
-    EXPECT_EQ(purposes[0].consentStatus, c.evaluated);
-
-    auto result = manager.checkPurposes();
-    EXPECT_EQ(result.changed, c.checkReportsChange);
-    EXPECT_EQ(UDM::getStoredConsent("7"), c.storedAfterCheck);
-    if (!c.checkReportsChange) continue;
+    auto m = manager({purpose(8, kNone, LocalizedText{{"en", "A"}}),
+                      purpose(7, kNone, LocalizedText{{"en", "B"}})},
+                     true, att({7}));
+    auto p = m.getPurposes();  // the tracking group before the rest
+    EXPECT_EQ(std::tuple(p[0].purposeId, p[0].isATTMapped, p[1].isATTMapped, p[0].consentStatus),
+              std::tuple(7, true, std::nullopt, c.evaluated));
+    EXPECT_EQ(p[0].attDescription, (LocalizedText{{"en", "tracking text"}}));
+    auto result = m.checkPurposes();
+    const bool changed = c.storedAfterCheck && c.stored != c.storedAfterCheck;
     EXPECT_EQ(result.consents,
-              std::vector{PurposeConsent(7, *c.storedAfterCheck, 1700000000, false)});
-    EXPECT_EQ(UDM::getString(keys::kConsentGivenType, ""), kConsentExplicit);
-    EXPECT_TRUE(log_.contains("checkPurposes() - Changed Purposes: [PurposeConsent(purposeID: 7"));
+              std::vector(changed, PurposeConsent(7, c.evaluated, 1700000000, false)));
+    EXPECT_EQ(
+        std::tuple(result.changed, UDM::getStoredConsent("7"),
+                   UDM::getString(keys::kConsentGivenType, "-"),
+                   log_.count("checkPurposes() - Changed Purposes: [PurposeConsent(purposeID: 7")),
+        std::tuple(changed, c.storedAfterCheck, changed ? kConsentExplicit : "-",
+                   changed ? 1u : 0u));
   }
-}
-
-TEST_F(PurposeManagerTest, TrackingMappingNeedsEverySwitch) {
-  scoped_.platform().setTrackingAuthorizationStatus(kAuthorized);
-  const std::pair<std::optional<bool>, std::optional<ATTConfig>> cases[] = {
-      {kNone, att({1})},
-      {false, att({1})},
-      {true, kNone},
-      {true, ATTConfig{true, kNone, kNone}},
-      {true, att({2})}};
-  for (const auto& [enabled, config] : cases) {
-    EXPECT_FALSE(OwnedPurposeManager({purpose(1)}, enabled, config).getPurposes()[0].isATTMapped);
+  // Without the switch, a tracking configuration naming the purpose, or the
+  // flag to show it, nothing is mapped.
+  for (const auto& [enabled, config] :
+       {std::pair<std::optional<bool>, std::optional<ATTConfig>>{kNone, att({7})},
+        {false, att({7})},
+        {true, kNone},
+        {true, ATTConfig{true, kNone, kNone}},
+        {true, att({2})}}) {
+    EXPECT_FALSE(manager({purpose(7)}, enabled, config).getPurposes()[0].isATTMapped);
   }
-  EXPECT_FALSE(
-      OwnedPurposeManager({purpose(1)}, true, att({1}, false)).getPurposes()[0].attDescription);
+  EXPECT_FALSE(manager({purpose(7)}, true, att({7}, false)).getPurposes()[0].attDescription);
 }
 
 TEST_F(PurposeManagerTest, CheckReportsPendingPurposes) {
@@ -166,19 +155,18 @@ TEST_F(PurposeManagerTest, CheckReportsPendingPurposes) {
   UDM::setPurposeConsent("2", G);
   UDM::setInt64(keys::kPurposesChangeTimestamp, 1704067200);
   UDM::setBool(keys::kArePurposesChanged, true);  // the suite's flag is not the one read
-  OwnedPurposeManager manager({purpose(1), purpose(2, true), purpose(3), purpose(kNone)});
+  auto m = manager({purpose(1), purpose(2, true), purpose(3), purpose(kNone)});
   // Without a host store of its own, a change is pending purposes.
-  EXPECT_FALSE(manager.checkPurposes().changed);
+  EXPECT_FALSE(m.checkPurposes().changed);
   UDM::addPendingPurpose(3);
   UDM::addPendingPurpose(2);
-  EXPECT_TRUE(manager.checkPurposes().changed);
+  EXPECT_TRUE(m.checkPurposes().changed);
   EXPECT_TRUE(
       log_.contains("Changed Purposes: [PurposeConsent(purposeID: 2, consentStatus: granted"));
-
   // A host that keeps its own standard store decides what a change is.
   log_.clear();
   scoped_.platform().setStandardPreference("ARE_PURPOSES_CHANGED", false);
-  auto result = manager.checkPurposes();
+  auto result = m.checkPurposes();
   EXPECT_FALSE(result.changed);
   EXPECT_EQ(result.consents, (std::vector{PurposeConsent(2, G, 1704067200, true),
                                           PurposeConsent(3, D, 1704067200, false)}));
@@ -186,39 +174,29 @@ TEST_F(PurposeManagerTest, CheckReportsPendingPurposes) {
   EXPECT_FALSE(log_.contains("Changed Purposes"));
   UDM::clearPendingPurposes();
   scoped_.platform().setStandardPreference("ARE_PURPOSES_CHANGED", true);
-  EXPECT_TRUE(manager.checkPurposes().changed);
-  std::optional<std::vector<Purpose>> none;
-  EXPECT_TRUE(PurposeManager(none, false, kNone).checkPurposes().consents.empty());
+  EXPECT_TRUE(m.checkPurposes().changed);
+  EXPECT_TRUE(manager({}).checkPurposes().consents.empty());
 }
 
 TEST_F(PurposeManagerTest, DisplayOrder) {
   LocaleUtils::setCurrentLanguageCode("fr");
-  auto fr = [](const char* name) { return LocalizedText{{"fr", name}, {"_", "fallback"}}; };
-  const std::pair<std::optional<LocalizedText>, bool> rows[] = {
-      {fr("Purpose 10"), false},
-      {fr("purpose 9"), false},
-      {fr("fax"), false},
-      {fr("émail"), false},
-      {fr("email"), false},
-      {fr("Zéro"), true},
-      {fr("Alpha"), true},
-      {kNone, false},
-      {LocalizedText{{"_", "Zebra"}, {"de", "Aal"}}, false},
-      {fr("email"), false}};
-  std::vector<Purpose> purposes;
-  for (const auto& [name, essential] : rows) {
-    purposes.push_back(purpose(static_cast<std::int64_t>(purposes.size() + 1), essential, name));
+  std::vector<Purpose> purposes;  // a leading '*' marks an essential purpose
+  for (std::string name :
+       {"Purpose 10", "purpose 9", "fax", "émail", "email", "*Zéro", "*Alpha", "", "", "email"}) {
+    const bool essential = name.starts_with("*");
+    purposes.push_back(purpose(static_cast<std::int64_t>(purposes.size() + 1), essential,
+                               LocalizedText{{"fr", name.substr(essential)}, {"_", "fallback"}}));
   }
+  purposes[7].purposeName.reset();
+  purposes[8].purposeName = LocalizedText{{"_", "Zebra"}, {"de", "Aal"}};
   auto order = [](PurposeManager&& manager) {
-    std::vector<std::int64_t> ids;
+    Ids ids;
     for (const Purpose& p : manager.getPurposes()) ids.push_back(*p.purposeId);
     return ids;
   };
-  EXPECT_EQ(order(OwnedPurposeManager(purposes)),
-            (std::vector<std::int64_t>{7, 6, 8, 5, 10, 4, 3, 2, 1, 9}));
+  EXPECT_EQ(order(manager(purposes)), (Ids{7, 6, 8, 5, 10, 4, 3, 2, 1, 9}));
   // An essential purpose mapped to tracking stays with the essential ones.
-  EXPECT_EQ(order(OwnedPurposeManager(purposes, true, att({6, 3}))),
-            (std::vector<std::int64_t>{7, 6, 3, 8, 5, 10, 4, 2, 1, 9}));
+  EXPECT_EQ(order(manager(purposes, true, att({6, 3}))), (Ids{7, 6, 3, 8, 5, 10, 4, 2, 1, 9}));
 }
 
 TEST_F(PurposeManagerTest, ACheckReportsEachChangeOnce) {
@@ -226,7 +204,7 @@ TEST_F(PurposeManagerTest, ACheckReportsEachChangeOnce) {
   // time stored reads as now): one record, not two.
   UDM::setPurposeConsent("3", G);
   UDM::addPendingPurpose(3);
-  auto result = OwnedPurposeManager({purpose(3)}, true, att({3})).checkPurposes();
+  auto result = manager({purpose(3)}, true, att({3})).checkPurposes();
   EXPECT_TRUE(result.changed);
   EXPECT_EQ(result.consents, (std::vector{PurposeConsent(3, W, 1700000000, false)}));
 }
