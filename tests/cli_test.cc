@@ -38,7 +38,8 @@ TEST(CliTest, ExitCodesAndOutput) {
         in.method == "GET" ? testing::exampleDocument() : R"({"status": 0, "message": "ok"})",
         "application/json");
   });
-  const std::string offline = "--cdn-url http://127.0.0.1:9/ --data-dir {dir}";
+  const std::string offline = " --cdn-url http://127.0.0.1:9/ --data-dir {dir}";
+  const std::string online = " --cdn-url {cdn} --data-dir {dir}";
   struct Case {
     std::string line;  // {cli} is the program, {dir} a fresh directory, {data} tests/data/cli
     int status;
@@ -49,9 +50,7 @@ TEST(CliTest, ExitCodesAndOutput) {
       {"{cli} status --bogus", 2, {"pactivo: unknown option --bogus"}},
       {"{cli} status", 2, {"pactivo: --cdn-url is required"}},
       {"{cli} status --cdn-url", 2, {"pactivo: --cdn-url needs a value"}},
-      {"{cli} purposes --cdn-url http://127.0.0.1:9/ --log-level loud",
-       2,
-       {"--log-level is DEBUG"}},
+      {"{cli} status --log-level loud", 2, {"--log-level is DEBUG, INFO, WARNING or ERROR"}},
       {"{cli} demo --interval 0", 2, {"--interval takes a positive number of seconds"}},
       {"{cli} validate", 2, {"validate takes one or more FILEs"}},
       {"{cli} --help", 0, {"Commands:"}},
@@ -74,20 +73,21 @@ TEST(CliTest, ExitCodesAndOutput) {
       {"{cli} validate --strict {data}warnings.json", 1, {"purpose_id 1 appears twice"}},
       {"{cli} validate {data}missing.json", 1, {"invalid: cannot read the file"}},
 
-      {"{cli} status " + offline, 1, {"SDK CDN is not available!"}},
+      {"{cli} status" + offline, 1, {"SDK CDN is not available!"}},
       // The network options reach the platform: a broken client certificate
       // is named at setup, and a dead proxy stands between the box and a
       // server that works.
-      {"{cli} status --cdn-url {cdn} --data-dir {dir} --client-cert {dir}/none.pem",
-       0,
-       {"client certificate {dir}/none.pem cannot be read"}},
-      {"{cli} status --cdn-url {cdn} --data-dir {dir} --proxy http://127.0.0.1:9",
-       1,
-       {"SDK CDN is not available!"}},
-      {"{cli} purposes --json " + offline, 1, {}},
+      {"{cli} status --client-cert {dir}/x" + online, 0, {"certificate {dir}/x cannot be read"}},
+      {"{cli} status --proxy http://127.0.0.1:9" + online, 1, {"SDK CDN is not available!"}},
+      {"{cli} purposes --json" + offline, 1, {}},
       // Purpose 1 may not be declined; the choice is refused.
-      {"{cli} set-purpose 1 declined --cdn-url {cdn} --data-dir {dir}", 1, {"recorded: false"}},
-      {"{cli} set-purpose 2 granted --cdn-url {cdn} --data-dir {dir}", 0, {"recorded: true"}},
+      {"{cli} set-purpose 1 declined" + online, 1, {"recorded: false"}},
+      {"{cli} set-purpose 2 granted" + online, 0, {"recorded: true"}},
+      // The defaults setup records reach the server, or stay pending.
+      {"{cli} check --json" + online, 0, {"{\"upload_pending\":false}"}},
+      {"{cli} check --app-url http://127.0.0.1:9/" + online,
+       1,
+       {"check done; upload pending: true"}},
       {"{cli} demo --data-dir {dir} && {cli} inspect --data-dir {dir} && "
        "{cli} inspect --json --data-dir {dir}",
        0,
@@ -97,12 +97,12 @@ TEST(CliTest, ExitCodesAndOutput) {
         "CONSENT_EXPLICIT", "\n2 ", "PENDING_PURPOSES_LIST", "Cached configuration: valid",
         "\"demo-1\"", "\n{\"data_directory\":", "\"version\":3"}},
       // Interrupted once ready, `watch` stops cleanly.
-      {"{cli} watch " + offline +
+      {"{cli} watch --json" + offline +
            " >{dir}/out & for i in $(seq 100); do "
-           "grep -q readiness: {dir}/out && break; sleep 0.1; done; kill -INT $!; wait $!; s=$?; "
+           "grep -q readiness {dir}/out && break; sleep 0.1; done; kill -INT $!; wait $!; s=$?; "
            "cat {dir}/out; exit $s",
        0,
-       {"readiness:", "stopping"}},
+       {"{\"readiness\":\"SDK CDN is not available!\"}", "\n{\"stopping\":true}"}},
   };
   for (auto c : cases) {
     testing::TempDir dir;
