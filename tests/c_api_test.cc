@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <future>
 #include <mutex>
 #include <stdexcept>
@@ -55,13 +54,7 @@ class CApiTest : public ::testing::Test {
     platform.size = offsetof(pactivo_platform, ca_file);
     platform.proxy = "http://127.0.0.1:9";
     platform.data_directory = data_.c_str();
-    platform.device_name = "Living room TV";
-    platform.preferred_languages = languages_;
-    platform.preferred_language_count = 1;
-    platform.advertising_identifier = kAdId;
-    platform.tracking_status = 3;
-    platform.info_dictionary = info_;
-    platform.info_dictionary_count = 1;
+    platform.tracking_status = 3;  // authorized: the signals mapped to tracking are granted
     platform.permission_status = [](pactivo_facility facility, void*) {
       return facility == PACTIVO_FACILITY_CAMERA ? g_camera.load() : -1;
     };
@@ -96,14 +89,6 @@ class CApiTest : public ::testing::Test {
     ASSERT_EQ(pactivo_check_consents(sdk_), PACTIVO_OK);
   }
 
-  std::string signals() {
-    std::lock_guard lock(mutex_);
-    return signals_;
-  }
-
-  static constexpr const char* kAdId = "6D92078A-8246-4BA4-AE5B-76104861E7DC";
-  const char* languages_[1] = {"de-DE"};
-  const char* info_[2] = {"NSCameraUsageDescription", "Video calls"};
   std::mutex mutex_;
   std::string signals_;  // guarded by mutex_
   TempDir dir_;
@@ -131,7 +116,7 @@ void onReady(pactivo_status status, void* user_data) {
 
 void throwingReady(pactivo_status, void*) { throw std::runtime_error("host bug"); }
 
-TEST_F(CApiTest, HostCallbacksMayReenterOrThrow) {
+TEST_F(CApiTest, ASessionThroughRawTextsCallbacksAndTheDocumentsKeys) {
   Reentry reentry{sdk_, {}};
   ASSERT_EQ(pactivo_is_ready(sdk_, onReady, &reentry), PACTIVO_OK);
   setupToAvailable();
@@ -142,15 +127,6 @@ TEST_F(CApiTest, HostCallbacksMayReenterOrThrow) {
   // A C++ host may hand over a function that throws through its C signature.
   EXPECT_EQ(pactivo_is_ready(sdk_, throwingReady, nullptr), PACTIVO_OK);
   EXPECT_TRUE(log_.contains("threw: host bug")) << log_.text();
-}
-
-TEST_F(CApiTest, ASessionThroughRawTextsAndTheDocumentsKeys) {
-  setupToAvailable();
-  // The host's platform reaches the upload of the defaults.
-  const auto upload = decode<PostConsentsRequest>(app_.requests().at(0).body);
-  ASSERT_TRUE(upload.ok()) << upload.error;
-  EXPECT_EQ(upload.value->device + " " + upload.value->adId,
-            "Living room TV " + std::string(kAdId));
 
   auto json = [&](pactivo_result (*query)(pactivo_sdk*, char**), std::size_t length) {
     char* out = nullptr;
@@ -158,8 +134,6 @@ TEST_F(CApiTest, ASessionThroughRawTextsAndTheDocumentsKeys) {
     return take(out).substr(0, length);
   };
   EXPECT_EQ(json(pactivo_get_purpose_consents, 32), "[{\"purpose_id\":1,\"purpose_name\":");
-  EXPECT_EQ(json(pactivo_get_permission_consents, 40),
-            "[{\"id\":1,\"name\":\"Camera\",\"permission_id\"");
   EXPECT_EQ(json(pactivo_get_gcm_config, 28), "{\"show_gcm_description\":true");
   EXPECT_EQ(json(pactivo_get_settings_prompt, 18), "{\"prompt_heading\":");
   char *banner = nullptr, *given = nullptr;  // the second from the same document, given
@@ -182,10 +156,13 @@ TEST_F(CApiTest, ASessionThroughRawTextsAndTheDocumentsKeys) {
                    "PACTIVO_INVALID_UTF8 withdrawn", "PACTIVO_MISUSE withdrawn",
                    "PACTIVO_REFUSED granted", "PACTIVO_NOT_FOUND declined"}));
   // The signals of the last choice, one JSON object, to the platform's callback.
-  const std::string expected =
+  const std::string signalled =
       R"({"ad_personalization":"granted","ad_storage":"granted","ad_user_data":"granted",)"
       R"("analytics_storage":"denied"})";
-  EXPECT_TRUE(eventually([&] { return signals() == expected; })) << signals();
+  EXPECT_TRUE(eventually([&] {
+    std::lock_guard lock(mutex_);
+    return signals_ == signalled;
+  })) << signals_;
   std::promise<std::string> async;
   ASSERT_EQ(pactivo_get_gcm_consents_async(sdk_, toPromise, &async), PACTIVO_OK);
   EXPECT_EQ(async.get_future().get(),
@@ -208,9 +185,7 @@ TEST_F(CApiTest, ASessionThroughRawTextsAndTheDocumentsKeys) {
   // A check waits for the choices' own background work, which uploads too.
   ASSERT_EQ(pactivo_check_consents(sdk_), PACTIVO_OK);
   app_.clearRequests();
-  const std::string request = encode(PostConsentsRequest(
-      "u-1", "app-1", "tv", false, 3,
-      {PurposeConsent(2, ConsentStatus::granted, 1700000000, false)}, {}, false, "", "DE"));
+  const std::string request = encode(PostConsentsRequest());
   std::promise<std::string> done;
   auto onDone = [](pactivo_result result, void* promise) {
     static_cast<std::promise<std::string>*>(promise)->set_value(pactivo_result_name(result));
@@ -222,7 +197,8 @@ TEST_F(CApiTest, ASessionThroughRawTextsAndTheDocumentsKeys) {
   EXPECT_EQ(app_.requests()[0].body, request);
 
   ASSERT_EQ(pactivo_remove_consents(sdk_), PACTIVO_OK);
-  // The compliance type goes with them, so the default is no longer opt-in's.
+  // The compliance type goes with them, so the default is no longer opt-in's
+  // (a NULL choice only reads).
   EXPECT_EQ(set(2, nullptr), "PACTIVO_MISUSE granted");
 }
 
@@ -257,27 +233,25 @@ TEST_F(CApiTest, BadArgumentsAndHandlesGiveResultCodesAndALogLine) {
       outcome(pactivo_sdk_destroy(shared)),
       outcome(pactivo_get_status(sdk_, &status)),
   };
-  EXPECT_EQ(outcomes,
-            (Texts{"PACTIVO_MISUSE pactivo_sdk_new: out_sdk is NULL",
-                   "PACTIVO_MISUSE pactivo_get_status: the instance is NULL",
-                   "PACTIVO_MISUSE pactivo_get_status: out_status is NULL",
-                   "PACTIVO_MISUSE pactivo_setup: options is NULL",
-                   "PACTIVO_MISUSE pactivo_setup: options.tenant_id is NULL",
-                   "PACTIVO_MISUSE pactivo_setup: options.size is too small",
-                   "PACTIVO_MISUSE pactivo_is_ready: callback is NULL",
-                   "PACTIVO_MISUSE pactivo_set_log_level: level is out of range",
-                   "PACTIVO_INVALID_JSON pactivo_get_banner_config: config_json: invalid JSON: The "
-                   "JSON document has an improper structure: missing or superfluous commas, "
-                   "braces, missing keys, etc.",
-                   "PACTIVO_INVALID_JSON pactivo_upload_consents: request_json: expected object, "
-                   "found array",
-                   "PACTIVO_INVALID_UTF8 pactivo_get_permission_consent: permission_key is not "
-                   "valid UTF-8",
-                   "PACTIVO_MISUSE pactivo_install_platform: platform.tracking_status is out of "
-                   "range",
-                   "PACTIVO_MISUSE pactivo_get_gcm_consents_async: callback is NULL",
-                   "PACTIVO_MISUSE pactivo_sdk_destroy: the shared instance is never destroyed",
-                   "PACTIVO_OK "}));
+  const Texts expected = {
+      "PACTIVO_MISUSE pactivo_sdk_new: out_sdk is NULL",
+      "PACTIVO_MISUSE pactivo_get_status: the instance is NULL",
+      "PACTIVO_MISUSE pactivo_get_status: out_status is NULL",
+      "PACTIVO_MISUSE pactivo_setup: options is NULL",
+      "PACTIVO_MISUSE pactivo_setup: options.tenant_id is NULL",
+      "PACTIVO_MISUSE pactivo_setup: options.size is too small",
+      "PACTIVO_MISUSE pactivo_is_ready: callback is NULL",
+      "PACTIVO_MISUSE pactivo_set_log_level: level is out of range",
+      "PACTIVO_INVALID_JSON pactivo_get_banner_config: config_json: invalid JSON: The JSON "
+      "document "
+      "has an improper structure: missing or superfluous commas, braces, missing keys, etc.",
+      "PACTIVO_INVALID_JSON pactivo_upload_consents: request_json: expected object, found array",
+      "PACTIVO_INVALID_UTF8 pactivo_get_permission_consent: permission_key is not valid UTF-8",
+      "PACTIVO_MISUSE pactivo_install_platform: platform.tracking_status is out of range",
+      "PACTIVO_MISUSE pactivo_get_gcm_consents_async: callback is NULL",
+      "PACTIVO_MISUSE pactivo_sdk_destroy: the shared instance is never destroyed",
+      "PACTIVO_OK "};
+  EXPECT_EQ(outcomes, expected);
   EXPECT_EQ(log_.count("[ERROR]"), outcomes.size() - 1) << log_.text();
   EXPECT_EQ(pactivo_sdk_destroy(nullptr), PACTIVO_OK);
   EXPECT_EQ(json, nullptr);

@@ -36,22 +36,21 @@ class Handler(BaseHTTPRequestHandler):
         self.do_GET(b'{"status": 0, "message": "Consents saved"}')
 
 
+statuses = {Facility.CAMERA: 3}  # what the platform reports for a facility
+AD_ID = "6D92078A-8246-4BA4-AE5B-76104861E7DC"
+
+
 @pytest.fixture
-def server():
+def server(tmp_path):
+    pactivo.install_platform(data_directory=str(tmp_path), permission_status=statuses.get,
+                             device_name="Living room TV", advertising_identifier=AD_ID,
+                             preferred_languages=["de-DE"], tracking_status=3,
+                             info_dictionary={"NSCameraUsageDescription": "Video calls"})
     httpd = ThreadingHTTPServer(("127.0.0.1", 0), Handler)
     httpd.posts, httpd.url = [], f"http://127.0.0.1:{httpd.server_address[1]}/"
     threading.Thread(target=httpd.serve_forever, daemon=True).start()
     yield httpd
     httpd.shutdown()
-
-
-statuses = {Facility.CAMERA: 3}  # what the platform reports for a facility
-
-
-@pytest.fixture(autouse=True)
-def platform(tmp_path):
-    pactivo.install_platform(data_directory=str(tmp_path), permission_status=statuses.get)
-    yield
     pactivo.install_platform()
     pactivo.set_log_sink(None)
 
@@ -82,7 +81,7 @@ def test_conversions_both_ways_and_results_as_exceptions(server, caplog):
         assert sdk.status is Status.AVAILABLE
         purposes, delivered = sdk.purposes(), queue.Queue()
         assert [(p.purpose_id, p.consent_status, p.disable_opt_out) for p in purposes] == [
-            (1, Consent.GRANTED, True), (3, Consent.DECLINED, None), (2, Consent.DECLINED, False),
+            (1, Consent.GRANTED, True), (3, Consent.GRANTED, None), (2, Consent.DECLINED, False),
             (10, Consent.DECLINED, None), (4, Consent.DECLINED, None)]
         sdk.purposes_async(delivered.put)
         assert delivered.get(timeout=20) == purposes
@@ -148,6 +147,8 @@ def test_uploads_and_consent_changes(server):
                "is_test_mode": False, "ad_id": "", "banner_info": "DE"}
     with pactivo.SDK() as sdk:
         start(sdk, server)
+        # The host's platform reaches the upload of the defaults.
+        assert (server.posts[0]["device"], server.posts[0]["ad_id"]) == ("Living room TV", AD_ID)
         sdk.upload_consents(server.url, request)
         assert server.posts[-1] == dict(request, platform="ios")  # the one key the library adds
         changes = sdk.consent_changes(timeout=10)
