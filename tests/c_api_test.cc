@@ -15,7 +15,6 @@
 #include <thread>
 #include <vector>
 
-#include "sdk/default_urls.h"
 #include "support/sdk_fixture.h"
 
 namespace pactivo::testing {
@@ -47,7 +46,6 @@ class CApiTest : public ::testing::Test {
   CApiTest() {
     cdn_.respond(200, exampleDocument(), "\"v1\"");
     app_.respond(200, reply(0, "Consents saved"));
-    detail::overrideDefaultApplicationServerBaseUrl(app_.baseUrl());
     pactivo_platform platform = PACTIVO_PLATFORM_INIT;
     // A host built before the network members existed passes a smaller struct
     // and keeps the defaults, whatever lies beyond it: the proxy that refuses.
@@ -75,18 +73,16 @@ class CApiTest : public ::testing::Test {
   ~CApiTest() override {
     pactivo_sdk_destroy(sdk_);
     pactivo_install_platform(nullptr);
-    detail::overrideDefaultApplicationServerBaseUrl("");
   }
 
   // Sets up and waits until the configuration is loaded.
   void setupToAvailable() {
     ASSERT_EQ(pactivo_setup(sdk_, &options_), PACTIVO_OK) << pactivo_errmsg();
-    pactivo_status status = PACTIVO_STATUS_UNAVAILABLE;
-    ASSERT_TRUE(eventually([&] {
-      return pactivo_get_status(sdk_, &status) == PACTIVO_OK && status == PACTIVO_STATUS_AVAILABLE;
-    })) << log_.text();
-    // A check waits for the work setup started (the defaults it records).
+    // A check waits for the work setup started: the fetch, the defaults it records.
     ASSERT_EQ(pactivo_check_consents(sdk_), PACTIVO_OK);
+    pactivo_status status;
+    ASSERT_EQ(pactivo_get_status(sdk_, &status), PACTIVO_OK);
+    ASSERT_EQ(status, PACTIVO_STATUS_AVAILABLE) << log_.text();
   }
 
   std::mutex mutex_;
@@ -176,15 +172,13 @@ TEST_F(CApiTest, ASessionThroughRawTextsCallbacksAndTheDocumentsKeys) {
     ASSERT_EQ(pactivo_get_permission_consent(sdk_, camera, &consent), PACTIVO_OK);
     EXPECT_STREQ(consent, expected);
   }
-  EXPECT_EQ((std::vector<int>{
-                pactivo_set_permission_consent(sdk_, camera, "declined"),
-                pactivo_set_permission_consent(sdk_, camera, "granted"),
-                pactivo_set_permission_consent(sdk_, "NSFaceIDUsageDescription", "granted")}),
-            (std::vector<int>{PACTIVO_OK, PACTIVO_REFUSED, PACTIVO_NOT_FOUND}));
+  EXPECT_EQ(pactivo_set_permission_consent(sdk_, camera, "declined"), PACTIVO_OK);
+  EXPECT_EQ(pactivo_set_permission_consent(sdk_, camera, "granted"), PACTIVO_REFUSED);
+  EXPECT_EQ(pactivo_set_permission_consent(sdk_, "NSFaceIDUsageDescription", "granted"),
+            PACTIVO_NOT_FOUND);
 
   // A check waits for the choices' own background work, which uploads too.
   ASSERT_EQ(pactivo_check_consents(sdk_), PACTIVO_OK);
-  app_.clearRequests();
   const std::string request = encode(PostConsentsRequest());
   std::promise<std::string> done;
   auto onDone = [](pactivo_result result, void* promise) {
@@ -193,8 +187,7 @@ TEST_F(CApiTest, ASessionThroughRawTextsCallbacksAndTheDocumentsKeys) {
   ASSERT_EQ(pactivo_upload_consents_async(sdk_, appUrl_.c_str(), request.c_str(), onDone, &done),
             PACTIVO_OK);
   EXPECT_EQ(done.get_future().get(), "PACTIVO_OK");
-  ASSERT_EQ(app_.requestCount(), 1u);
-  EXPECT_EQ(app_.requests()[0].body, request);
+  EXPECT_EQ(app_.requests().back().body, request);
 
   ASSERT_EQ(pactivo_remove_consents(sdk_), PACTIVO_OK);
   // The compliance type goes with them, so the default is no longer opt-in's
@@ -225,7 +218,7 @@ TEST_F(CApiTest, BadArgumentsAndHandlesGiveResultCodesAndALogLine) {
       outcome(pactivo_setup(sdk_, &tooSmall)),
       outcome(pactivo_is_ready(sdk_, nullptr, nullptr)),
       outcome(pactivo_set_log_level(static_cast<pactivo_log_level>(7))),
-      outcome(pactivo_get_banner_config(sdk_, "{", &json)),
+      outcome(pactivo_get_banner_config(sdk_, "[]", &json)),
       outcome(pactivo_upload_consents(sdk_, "http://127.0.0.1:9/", "[]")),
       outcome(pactivo_get_permission_consent(sdk_, "NS\xc3", &text)),
       outcome(pactivo_install_platform(&badPlatform)),
@@ -242,9 +235,7 @@ TEST_F(CApiTest, BadArgumentsAndHandlesGiveResultCodesAndALogLine) {
       "PACTIVO_MISUSE pactivo_setup: options.size is too small",
       "PACTIVO_MISUSE pactivo_is_ready: callback is NULL",
       "PACTIVO_MISUSE pactivo_set_log_level: level is out of range",
-      "PACTIVO_INVALID_JSON pactivo_get_banner_config: config_json: invalid JSON: The JSON "
-      "document "
-      "has an improper structure: missing or superfluous commas, braces, missing keys, etc.",
+      "PACTIVO_INVALID_JSON pactivo_get_banner_config: config_json: expected object, found array",
       "PACTIVO_INVALID_JSON pactivo_upload_consents: request_json: expected object, found array",
       "PACTIVO_INVALID_UTF8 pactivo_get_permission_consent: permission_key is not valid UTF-8",
       "PACTIVO_MISUSE pactivo_install_platform: platform.tracking_status is out of range",
@@ -263,10 +254,10 @@ TEST_F(CApiTest, AHandleDestroyedWhileAnotherThreadUsesItIsRecognised) {
   ASSERT_EQ(pactivo_sdk_new(&busy), PACTIVO_OK);
   std::atomic<bool> stop{false};
   std::atomic<int> unexpected{0};
+  pactivo_status status;
   std::thread caller([&] {
-    pactivo_status s;
     while (!stop) {
-      pactivo_result r = pactivo_get_status(busy, &s);
+      pactivo_result r = pactivo_get_status(busy, &status);
       if (r != PACTIVO_OK && r != PACTIVO_DESTROYED) ++unexpected;
     }
   });
@@ -275,7 +266,6 @@ TEST_F(CApiTest, AHandleDestroyedWhileAnotherThreadUsesItIsRecognised) {
   stop = true;
   caller.join();
   EXPECT_EQ(unexpected, 0);
-  pactivo_status status;
   EXPECT_EQ(outcome(pactivo_get_status(busy, &status)),
             "PACTIVO_DESTROYED pactivo_get_status: the instance was destroyed or never created");
   EXPECT_EQ(outcome(pactivo_sdk_destroy(busy)),
