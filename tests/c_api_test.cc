@@ -78,7 +78,7 @@ class CApiTest : public ::testing::Test {
   // Sets up and waits until the configuration is loaded.
   void setupToAvailable() {
     ASSERT_EQ(pactivo_setup(sdk_, &options_), PACTIVO_OK) << pactivo_errmsg();
-    // A check waits for the work setup started: the fetch, the defaults it records.
+    // A check waits for the fetch setup started.
     ASSERT_EQ(pactivo_check_consents(sdk_), PACTIVO_OK);
     pactivo_status status;
     ASSERT_EQ(pactivo_get_status(sdk_, &status), PACTIVO_OK);
@@ -145,12 +145,13 @@ TEST_F(CApiTest, ASessionThroughRawTextsCallbacksAndTheDocumentsKeys) {
     EXPECT_EQ(pactivo_get_purpose_consent(sdk_, id, &stored), PACTIVO_OK);
     return std::string(pactivo_result_name(result)) + " " + stored;
   };
-  // Declining what was granted withdraws it; purpose 1 is essential.
+  // Declining what was granted withdraws it.
   EXPECT_EQ((Texts{set(2, "granted"), set(2, "declined"), set(2, "maybe"), set(2, "\xff"),
-                   set(2, nullptr), set(1, "declined"), set(999, "granted")}),
+                   set(2, nullptr), set(999, "granted")}),
             (Texts{"PACTIVO_OK granted", "PACTIVO_OK withdrawn", "PACTIVO_NOT_FOUND withdrawn",
                    "PACTIVO_INVALID_UTF8 withdrawn", "PACTIVO_MISUSE withdrawn",
-                   "PACTIVO_REFUSED granted", "PACTIVO_NOT_FOUND declined"}));
+                   "PACTIVO_NOT_FOUND declined"}));
+  EXPECT_EQ(pactivo_set_purpose_consent(sdk_, 1, "declined"), PACTIVO_REFUSED);  // essential
   // The signals of the last choice, one JSON object, to the platform's callback.
   const std::string signalled =
       R"({"ad_personalization":"granted","ad_storage":"granted","ad_user_data":"granted",)"
