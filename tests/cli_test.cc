@@ -14,15 +14,14 @@ namespace {
 // Runs a shell command line; its exit status and its standard output and
 // error together.
 std::pair<int, std::string> shell(const std::string& line) {
-  std::pair<int, std::string> result{-1, ""};
   FILE* pipe = popen(("exec 2>&1; " + line).c_str(), "r");
-  if (pipe == nullptr) return result;
+  if (pipe == nullptr) return {-1, ""};
+  std::string output;
   std::array<char, 4096> buffer;
   while (std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe))
-    result.second.append(buffer.data(), n);
-  int status = pclose(pipe);
-  if (WIFEXITED(status)) result.first = WEXITSTATUS(status);
-  return result;
+    output.append(buffer.data(), n);
+  const int status = pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
 void replaceAll(std::string& text, const std::string& from, const std::string& to) {
@@ -38,20 +37,19 @@ TEST(CliTest, ExitCodesAndOutput) {
         in.method == "GET" ? testing::exampleDocument() : R"({"status": 0, "message": "ok"})",
         "application/json");
   });
-  const std::string offline = "--cdn-url http://127.0.0.1:9/ --data-dir {dir}";
+  const std::string offline = " --cdn-url http://127.0.0.1:9/ --data-dir {dir}";
+  const std::string online = " --cdn-url {cdn} --data-dir {dir}";
   struct Case {
     std::string line;  // {cli} is the program, {dir} a fresh directory, {data} tests/data/cli
     int status;
-    std::vector<std::string> output;  // each in the output; "^..." starts it
+    std::vector<std::string> output;  // each in the output
   } cases[] = {
       {"{cli}", 2, {"usage: pactivo COMMAND"}},
       {"{cli} frobnicate", 2, {"pactivo: unknown command \"frobnicate\""}},
       {"{cli} status --bogus", 2, {"pactivo: unknown option --bogus"}},
       {"{cli} status", 2, {"pactivo: --cdn-url is required"}},
       {"{cli} status --cdn-url", 2, {"pactivo: --cdn-url needs a value"}},
-      {"{cli} purposes --cdn-url http://127.0.0.1:9/ --log-level loud",
-       2,
-       {"--log-level is DEBUG"}},
+      {"{cli} status --log-level loud", 2, {"--log-level is DEBUG, INFO, WARNING or ERROR"}},
       {"{cli} demo --interval 0", 2, {"--interval takes a positive number of seconds"}},
       {"{cli} validate", 2, {"validate takes one or more FILEs"}},
       {"{cli} --help", 0, {"Commands:"}},
@@ -63,7 +61,7 @@ TEST(CliTest, ExitCodesAndOutput) {
        1,
        {"invalid: Failed to Decode MainConfiguration : purposes[0].consent_status: unknown value "
         "\"opt_in\""}},
-      {"{cli} validate --json {data}bad-status.json", 1, {"^[{\"file\":"}},
+      {"printf ^; {cli} validate --json {data}bad-status.json", 1, {"^[{\"file\":"}},
       {"{cli} validate {data}warnings.json",
        0,
        {"warning: location \"DE\" points to missing category \"gdpr\"",
@@ -74,20 +72,19 @@ TEST(CliTest, ExitCodesAndOutput) {
       {"{cli} validate --strict {data}warnings.json", 1, {"purpose_id 1 appears twice"}},
       {"{cli} validate {data}missing.json", 1, {"invalid: cannot read the file"}},
 
-      {"{cli} status " + offline, 1, {"SDK CDN is not available!"}},
+      {"{cli} status" + offline, 1, {"SDK CDN is not available!"}},
       // The network options reach the platform: a broken client certificate
       // is named at setup, and a dead proxy stands between the box and a
       // server that works.
-      {"{cli} status --cdn-url {cdn} --data-dir {dir} --client-cert {dir}/none.pem",
-       0,
-       {"client certificate {dir}/none.pem cannot be read"}},
-      {"{cli} status --cdn-url {cdn} --data-dir {dir} --proxy http://127.0.0.1:9",
-       1,
-       {"SDK CDN is not available!"}},
-      {"{cli} purposes --json " + offline, 1, {}},
+      {"{cli} status --client-cert /x.pem" + online, 0, {"certificate /x.pem cannot be read"}},
+      {"{cli} status --proxy http://127.0.0.1:9" + online, 1, {"SDK CDN is not available!"}},
+      {"{cli} purposes --json" + offline, 1, {}},
       // Purpose 1 may not be declined; the choice is refused.
-      {"{cli} set-purpose 1 declined --cdn-url {cdn} --data-dir {dir}", 1, {"recorded: false"}},
-      {"{cli} set-purpose 2 granted --cdn-url {cdn} --data-dir {dir}", 0, {"recorded: true"}},
+      {"{cli} set-purpose 1 declined" + online, 1, {"recorded: false"}},
+      {"{cli} set-purpose 2 granted" + online, 0, {"recorded: true"}},
+      // The defaults setup records reach the server, or stay pending.
+      {"{cli} check --json" + online, 0, {"{\"upload_pending\":false}"}},
+      {"{cli} check --app-url http://127.0.0.1:9/" + online, 1, {"upload pending: true"}},
       {"{cli} demo --data-dir {dir} && {cli} inspect --data-dir {dir} && "
        "{cli} inspect --json --data-dir {dir}",
        0,
@@ -97,12 +94,12 @@ TEST(CliTest, ExitCodesAndOutput) {
         "CONSENT_EXPLICIT", "\n2 ", "PENDING_PURPOSES_LIST", "Cached configuration: valid",
         "\"demo-1\"", "\n{\"data_directory\":", "\"version\":3"}},
       // Interrupted once ready, `watch` stops cleanly.
-      {"{cli} watch " + offline +
+      {"{cli} watch --json" + offline +
            " >{dir}/out & for i in $(seq 100); do "
-           "grep -q readiness: {dir}/out && break; sleep 0.1; done; kill -INT $!; wait $!; s=$?; "
+           "grep -q readiness {dir}/out && break; sleep 0.1; done; kill -INT $!; wait $!; s=$?; "
            "cat {dir}/out; exit $s",
        0,
-       {"readiness:", "stopping"}},
+       {"{\"readiness\":\"SDK CDN is not available!\"}", "\n{\"stopping\":true}"}},
   };
   for (auto c : cases) {
     testing::TempDir dir;
@@ -113,11 +110,8 @@ TEST(CliTest, ExitCodesAndOutput) {
     auto [status, output] = shell(c.line);
     SCOPED_TRACE(c.line + "\n" + output);
     EXPECT_EQ(status, c.status);
-    for (std::string fragment : c.output) {
-      replaceAll(fragment, "{dir}", dir.path().string());
-      if (fragment[0] == '^') EXPECT_EQ(output.rfind(fragment.substr(1), 0), 0u) << fragment;
-      if (fragment[0] != '^') EXPECT_NE(output.find(fragment), std::string::npos) << fragment;
-    }
+    for (const std::string& fragment : c.output)
+      EXPECT_NE(output.find(fragment), std::string::npos) << fragment;
   }
 }
 

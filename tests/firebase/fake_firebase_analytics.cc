@@ -1,40 +1,29 @@
 // Stands in for Firebase Analytics' C++ SDK: the same SetConsent signature,
 // recording what it received.
 #include <map>
-#include <mutex>
 #include <string>
 
-namespace firebase {
-namespace analytics {
+namespace firebase::analytics {
 
-enum ConsentType {
-  kConsentTypeAdStorage = 0,
-  kConsentTypeAnalyticsStorage,
-  kConsentTypeAdUserData,
-  kConsentTypeAdPersonalization
-};
-enum ConsentStatus { kConsentStatusGranted = 0, kConsentStatusDenied };
+// Firebase's own enumerations, by name: the library finds SetConsent by its
+// mangled name, which has no enumerators in it. Firebase numbers the types ad
+// storage 0, analytics 1, user data 2, personalization 3; granted 0, denied 1.
+enum ConsentType : int {};
+enum ConsentStatus : int {};
 
-namespace {
-std::mutex mutex;
-std::string received;
-}  // namespace
+// Every call so far, each as "type=status ...;". Only the test's thread calls.
+static std::string received;
 
 __attribute__((visibility("default"))) void SetConsent(
     const std::map<ConsentType, ConsentStatus>& consent_settings) {
-  std::lock_guard lock(mutex);
-  for (auto [type, status] : consent_settings) {
+  for (auto [type, status] : consent_settings)
     received += std::to_string(type) + "=" + std::to_string(status) + " ";
-  }
   received += ";";
 }
 
-}  // namespace analytics
-}  // namespace firebase
-
-// For the test: every call so far, each as "type=status ...;". Valid until
-// the next call.
+// For the test: valid until the next call.
 extern "C" __attribute__((visibility("default"))) const char* fakeFirebaseReceived() {
-  std::lock_guard lock(firebase::analytics::mutex);
-  return firebase::analytics::received.c_str();
+  return received.c_str();
 }
+
+}  // namespace firebase::analytics

@@ -1,8 +1,6 @@
 // Stands in for a Firebase Analytics release that predates SetConsent.
-namespace firebase {
-namespace analytics {
+namespace firebase::analytics {
 
 __attribute__((visibility("default"))) void SetAnalyticsCollectionEnabled(bool) {}
 
-}  // namespace analytics
-}  // namespace firebase
+}  // namespace firebase::analytics
