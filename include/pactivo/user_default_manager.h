@@ -23,6 +23,7 @@
 #ifndef PACTIVO_USER_DEFAULT_MANAGER_H_
 #define PACTIVO_USER_DEFAULT_MANAGER_H_
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -63,6 +64,35 @@ inline constexpr std::string_view kIsSettingsPromptEnabled = "IS_SETTINGS_PROMPT
 inline constexpr std::string_view kCurrentLocation = "curr_location";
 inline constexpr std::string_view kCurrentCountryCode = "curr_countryCode";
 inline constexpr std::string_view kCurrentLocationTimestamp = "curr_location_timestamp";
+
+// Every key above. A stored text under any other key is a consent: a purpose
+// id or a permission's raw value.
+inline constexpr std::array kLibraryKeys = {
+    kSubjectId,
+    kConsentGivenType,
+    kArePurposesChanged,
+    kPurposesChangeTimestamp,
+    kArePermissionsChanged,
+    kPermissionsChangeTimestamp,
+    kPendingPurposesList,
+    kPendingPermissionsList,
+    kUploadConsentRequestPending,
+    kCurrentComplianceType,
+    kBannerInterval,
+    kIsBannerPresent,
+    kLastModeUsed,
+    kLanguageCode,
+    kCdnCachedTimestamp,
+    kCdnFileLocation,
+    kEtag,
+    kXAuthToken,
+    kSdkVersion,
+    kIsAttEnabled,
+    kIsSettingsPromptEnabled,
+    kCurrentLocation,
+    kCurrentCountryCode,
+    kCurrentLocationTimestamp,
+};
 }  // namespace keys
 
 // The values of "CONSENT_GIVEN_TYPE".

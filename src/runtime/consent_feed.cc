@@ -30,33 +30,8 @@ std::optional<std::int64_t> purposeIdOf(std::string_view key) {
 }
 
 bool isLibraryKey(std::string_view key) {
-  static constexpr std::array kKeys = {
-      keys::kSubjectId,
-      keys::kConsentGivenType,
-      keys::kArePurposesChanged,
-      keys::kPurposesChangeTimestamp,
-      keys::kArePermissionsChanged,
-      keys::kPermissionsChangeTimestamp,
-      keys::kPendingPurposesList,
-      keys::kPendingPermissionsList,
-      keys::kUploadConsentRequestPending,
-      keys::kCurrentComplianceType,
-      keys::kBannerInterval,
-      keys::kIsBannerPresent,
-      keys::kLastModeUsed,
-      keys::kLanguageCode,
-      keys::kCdnCachedTimestamp,
-      keys::kCdnFileLocation,
-      keys::kEtag,
-      keys::kXAuthToken,
-      keys::kSdkVersion,
-      keys::kIsAttEnabled,
-      keys::kIsSettingsPromptEnabled,
-      keys::kCurrentLocation,
-      keys::kCurrentCountryCode,
-      keys::kCurrentLocationTimestamp,
-  };
-  return std::find(kKeys.begin(), kKeys.end(), key) != kKeys.end();
+  return std::find(keys::kLibraryKeys.begin(), keys::kLibraryKeys.end(), key) !=
+         keys::kLibraryKeys.end();
 }
 
 }  // namespace
