@@ -187,6 +187,35 @@ TEST_F(CheckCycleTest, TheTimerWaitsForAFirstAnswerAndIsArmedOnce) {
   EXPECT_TRUE(platform().reportPath(NetworkPathStatus::satisfied));  // one monitor
 }
 
+// Host threads reading and writing while the timer and the path monitor start
+// checks: no assertion here can see a data race, ThreadSanitizer does.
+TEST_F(CheckCycleTest, HostThreadsAndTheCycleAtOnce) {
+  setupThroughPrefill();
+  platform().setStandardPreference("ARE_PURPOSES_CHANGED", true);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> hosts;
+  for (int t = 0; t < 3; ++t) {
+    hosts.emplace_back([&, t] {
+      for (int i = 0; !stop; ++i) {
+        sdk_->set(purpose(2 + t), i % 2 ? S::granted : S::declined);
+        sdk_->get(LumariKey::cameraUsageDescription);
+        if (i % 10 == 0) sdk_->getPurposeConsents();
+      }
+    });
+  }
+  for (int round = 0; round < 10; ++round) {
+    clock_->advance(120s);
+    platform().reportPath(NetworkPathStatus::unsatisfied);
+    platform().reportPath(NetworkPathStatus::satisfied);
+    std::this_thread::sleep_for(20ms);
+  }
+  stop = true;
+  for (auto& host : hosts) host.join();
+  impl_.waitUntilIdle();
+  EXPECT_GE(app_.requestCount(), 2u);
+  EXPECT_EQ(sdk_->getStatus(), St::available);
+}
+
 class BannerTest : public CheckCycleTest {
  protected:
   std::string banner(std::optional<std::string> location) {
