@@ -92,6 +92,19 @@ TEST_F(ConsentAnswerTest, AChoiceLeftUnreportedIsReportedByTheNextStart) {
             std::vector{PurposeConsent(2, S::granted, 1700000000, false)});
 }
 
+// After removeConsents() the check's upload and the new user's defaults both
+// look for an identity at once: they must agree on one new identity.
+TEST_F(ConsentAnswerTest, AForgottenUserIsUploadedWithANewIdentity) {
+  setupThroughPrefill();
+  sdk_->removeConsents();
+  UserDefaultManager::setBool(keys::kUploadConsentRequestPending, true);
+  sdk_->checkConsents();
+  impl_.waitUntilIdle();
+  ASSERT_GE(app_.requestCount(), 2u);
+  EXPECT_NE(upload(1).uuid, upload(0).uuid);
+  for (std::size_t i = 2; i < app_.requestCount(); ++i) EXPECT_EQ(upload(i).uuid, upload(1).uuid);
+}
+
 TEST_F(ConsentAnswerTest, TeardownInTestingModeLeavesAnEmptySuite) {
   for (bool testing : {true, false}) {
     // An upload still in flight, cancelled by the teardown, marks itself

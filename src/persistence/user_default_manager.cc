@@ -151,11 +151,22 @@ void UserDefaultManager::clearPendingPermissions() {
 }
 
 std::string UserDefaultManager::getSubjectId() {
-  std::string stored = getString(keys::kSubjectId, "");
-  if (!stored.empty()) return stored;
-  std::string created = detail::makeUpperCaseUuid();
-  setString(keys::kSubjectId, created);
-  return created;
+  std::string identity = getString(keys::kSubjectId, "");
+  if (!identity.empty()) return identity;
+  // Threads and processes that find no identity at the same moment (an upload
+  // and the new user's defaults after removeConsents(), say) must all send the
+  // same one: the read that decides and the write are one transaction.
+  identity = detail::makeUpperCaseUuid();
+  detail::updatePreferences("subject identity", [&](detail::PreferenceWriter& writer) {
+    std::string stored = writer.getString(keys::kSubjectId, "");
+    if (stored.empty()) {
+      writer.setString(keys::kSubjectId, identity);
+      return true;
+    }
+    identity = std::move(stored);
+    return false;
+  });
+  return identity;
 }
 
 void UserDefaultManager::setComplianceType(ComplianceType type) {
