@@ -259,6 +259,10 @@ TEST_F(BannerTest, LookedUpLocationIsKeptForAnHour) {
   app_.respond(200, located("DE", "DE-BY"));
   platform().advance(-86400);
   EXPECT_EQ(banner(std::nullopt), "GDPR");
+  // The location is a candidate before the country.
+  app_.respond(200, located("DE", "US-CA"));
+  platform().advance(3601);
+  EXPECT_EQ(banner(std::nullopt), "CCPA");
 }
 
 TEST_F(BannerTest, FailedLookupsFallBackToDefault) {
