@@ -281,11 +281,8 @@ pactivo_result pactivo_sdk_shared(pactivo_sdk** out_sdk) {
 }
 
 pactivo_result pactivo_sdk_destroy(pactivo_sdk* sdk) {
-  if (sdk == nullptr) {  // like free(NULL)
-    t_error.clear();
-    return PACTIVO_OK;
-  }
   return guarded("pactivo_sdk_destroy", [&] {
+    if (sdk == nullptr) return;  // like free(NULL)
     refuseInCallback("pactivo_sdk_destroy");
     std::shared_ptr<pactivo_sdk> handle;
     {
